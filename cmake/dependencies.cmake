@@ -1,0 +1,6 @@
+# Third-party packages, all from Debian (scripts/setup installs them).
+find_package(Threads REQUIRED)
+
+find_path(ANDROID_LOG_INCLUDE_DIR android/log.h PATHS /usr/include/android REQUIRED)
+find_library(ANDROID_LOG_LIBRARY NAMES log PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android
+  NO_DEFAULT_PATH REQUIRED)

@@ -1,0 +1,241 @@
+// The simulated kernel driver, touch IC and panel: the hardware the library
+// runs against in tests, benchmarks, fuzzers and `afehal-tool --sim`.
+//
+// It plays the chip's side of the wire and shares no code with the library:
+// it decodes the SPI bytes itself, builds frames itself and computes the
+// frame CRC with its own implementation. It attaches to the library only by
+// installing its table into the OS seam (platform/os.h).
+//
+// Everything here is thread-safe: the frame thread and the control thread
+// of the library may call into the simulator at the same time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// ---- Set-up ---------------------------------------------------------------
+
+enum class clock_mode {
+  virtual_clock, // sleeps and blocking waits advance time instantly
+  real_clock     // time is the host's monotonic clock
+};
+
+// Installs the simulator into the library's OS seam with a fresh driver, IC
+// and panel (as reset()).
+void install(clock_mode mode = clock_mode::virtual_clock);
+// Restores the real OS table.
+void uninstall();
+// Fresh driver, IC and panel; clears recordings and faults.
+void reset();
+
+// ---- Clock ------------------------------------------------------------------
+
+// Simulated time since install, in microseconds.
+int64_t now_us();
+// Moves the virtual clock forward (no effect on the real clock).
+void advance_us(int64_t us);
+// Total microseconds the library asked to sleep.
+int64_t slept_us();
+
+// ---- Recording ------------------------------------------------------------
+
+struct ioctl_record {
+  unsigned long request;
+  unsigned long arg;             // the raw third argument
+  uint32_t value;                // the value for value requests, else 0
+  int result;                    // what the ioctl returned
+  int error;                     // errno when result < 0, else 0
+  std::vector<uint8_t> argument; // bytes of the record passed by pointer
+                                 // (24 for SPI_SYNC and GET_FRAME)
+};
+// Every ioctl since the last reset/clear, in order.
+std::vector<ioctl_record> ioctls();
+// Only the ioctls with this request number.
+std::vector<ioctl_record> ioctls(unsigned long request);
+
+struct spi_transfer {
+  std::vector<uint8_t> tx; // what the host clocked out
+  std::vector<uint8_t> rx; // what the chip clocked back
+};
+// Every SPI transfer that reached the IC.
+std::vector<spi_transfer> spi_transfers();
+
+// Firmware commands the IC accepted (the plain bytes written without an
+// address frame, e.g. A0 03 00), in order.
+std::vector<std::vector<uint8_t>> fw_commands();
+
+// Android log lines {priority, tag, text}.
+struct android_line {
+  int prio;
+  std::string tag;
+  std::string text;
+};
+std::vector<android_line> android_log();
+
+// Forgets the recordings above (state and faults stay).
+void clear_recording();
+
+// ---- Heap -------------------------------------------------------------------
+
+// Blocks the library holds now (allocated through the seam, not yet freed).
+size_t heap_live_blocks();
+// Fails the Nth allocation from now (1 = the next one); 0 disables.
+void fail_allocation(int nth);
+
+// ---- Driver -----------------------------------------------------------------
+
+// The driver as the library left it.
+struct driver_state {
+  bool open;
+  int open_calls;
+  bool blocking;
+  bool irq_enabled;
+  uint32_t reset_line;
+  uint32_t frame_timeout_ms; // 0 until set
+  uint32_t queued_frames;
+};
+driver_state driver();
+
+enum class fault_when {
+  once,  // the next matching call only
+  always,
+  nth    // the Nth matching call from now (1 = next)
+};
+// Makes ioctls with this request fail with errno err.
+void fail_ioctl(unsigned long request, int err, fault_when when = fault_when::once, int n = 1);
+// Makes open of the device node fail with errno err (times: how many opens).
+void fail_open(int err, int times);
+// Clears every injected fault (driver, IC and panel).
+void clear_faults();
+
+// ---- IC -------------------------------------------------------------------------
+
+// Versions and identity the chip-info block reports.
+struct chip_identity {
+  uint16_t fw_ver = 0x0084;
+  uint16_t cfg_ver = 0x0051;
+  uint16_t cfg_id = 0x00B9;
+  uint16_t cx_cfg_ver = 0x0011;
+  uint16_t cx_cfg_id = 0x0000;
+  uint8_t afe_ver_cfg = 0x01;
+  uint8_t panel_cfg = 0x01;
+  uint8_t cx_ver = 0x01;
+  uint16_t chip0_ver = 0x0001;
+  uint16_t chip0_id = 0x3648;
+  uint16_t chip1_ver = 0x0002;
+  uint16_t chip1_id = 0x0036;
+  uint16_t svn_rev = 0x0000;
+  uint8_t api_first = 1, api_second = 2;
+  uint16_t api_third = 3;
+  uint32_t ext_id_low = 0, ext_id_high = 0;
+  uint16_t ms_raw_addr = 0x1234;
+};
+// Sets the identity. Until flash is programmed the chip reports exactly
+// this; after a reset that follows programming it reports what the flash
+// holds (see flash below).
+void set_identity(const chip_identity &id);
+chip_identity identity();
+
+// Direct access to the IC's address spaces (for set-up and assertions).
+void mem_write(uint32_t address, const std::vector<uint8_t> &bytes);
+std::vector<uint8_t> mem_read(uint32_t address, size_t count);
+void cfg_write(uint16_t address, const std::vector<uint8_t> &bytes);
+std::vector<uint8_t> cfg_read(uint16_t address, size_t count);
+
+// Raw events pushed into the 8-byte event FIFO.
+void push_event(const std::vector<uint8_t> &event);
+
+// Is the IC sensing (frames produced) / in idle / forced frequency / rate.
+struct ic_state {
+  bool sensing;
+  bool idle;
+  bool core_held;
+  int forced_freq_index; // -1 none
+  int forced_rate_index; // -1 none
+  int resets;            // system resets seen
+};
+ic_state ic();
+
+// Echo delay of firmware commands (default 4 ms).
+void set_echo_delay_ms(uint32_t ms);
+
+// IC faults.
+void drop_echoes(int times);           // -1: always
+void error_before_echo(int times);     // an 0xF3 event before each echo
+void fatal_on_next_command(bool with_dump);
+void host_data_never_loads(bool on);
+void fail_spi_transfer(int nth, int err); // Nth SPI transfer from now fails
+
+// ---- Panel ----------------------------------------------------------------
+
+struct touch {
+  float x, y;     // position in sense/force channel units
+  float dx, dy;   // movement per frame
+  float strength; // peak signal
+};
+void set_touches(const std::vector<touch> &touches);
+void set_noise(uint16_t amplitude);
+
+// Frames produced so far / dropped by the IC.
+uint32_t frames_produced();
+
+// Panel faults (count: how many frames; -1: all).
+void drop_frames(int count);
+void corrupt_tag(int count);
+void corrupt_counter(int count);
+void corrupt_crc(int count);
+void bad_channel_counts(uint8_t force, uint8_t sense, int count);
+void stop_frames(bool stopped); // the driver never gets a frame: time-outs
+
+// The chip's own frame CRC (independent of the library).
+uint32_t frame_crc(const uint8_t *frame, size_t length);
+
+// Builds one frame exactly as the IC sends it (for tests that feed the
+// parser directly).
+struct frame_spec {
+  uint16_t counter = 1;
+  uint16_t index = 1;
+  uint16_t fw_counter = 1;
+  uint8_t scan_mode = 4;
+  uint8_t rate_code = 0x00;
+  uint16_t freq_khz = 160;
+  uint8_t force = 16;
+  uint8_t sense = 34;
+  std::vector<int16_t> mutual; // force*sense raw values (row = force)
+  std::vector<int16_t> self_force;
+  std::vector<int16_t> self_sense;
+};
+std::vector<uint8_t> build_frame(const frame_spec &spec);
+
+// ---- Flash ----------------------------------------------------------------
+
+constexpr uint32_t kFlashSize = 128 * 1024;
+constexpr uint32_t kFlashPage = 4096;
+std::vector<uint8_t> flash();
+void set_flash(const std::vector<uint8_t> &contents);
+// Pages erased / words programmed, in order.
+std::vector<int> erased_pages();
+struct dma_record {
+  uint32_t flash_offset;
+  uint32_t length;
+};
+std::vector<dma_record> dma_transfers();
+void set_erase_busy_ms(uint32_t ms);
+void erase_stuck(bool on);
+void dma_stuck(bool on);
+void versions_stick(bool on); // flashing does not change the reported versions
+
+} // namespace sim
+
+// How the simulated chip learns its versions from flash: after a system
+// reset that follows flash programming, each section whose header is
+// present in flash sets the versions the chip-info block reports.
+//   code   (flash 0):        "CODE", u16 fw_ver, u16 svn_rev       (LE)
+//   cx     (flash 118,784):  "CXDT", ..., u16 cx version at bytes 20-21
+//   config (flash 126,976):  "CNFG", u16 cfg_ver, u16 cfg_id, u8 afe_ver_cfg
+// The firmware image in data/ carries the same headers at the start of its
+// sections.

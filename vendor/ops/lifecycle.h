@@ -1,0 +1,42 @@
+// Working point, capability record and feature switches of this chip.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "afehal/afehal.h"
+
+constexpr int WORK_PARM_SIZE = 10;
+constexpr uint8_t WORK_PARM_NO_REQUEST = 0xFF;
+// work_parm bytes.
+constexpr int WP_AUTO_SHIFT_DISABLED = 0;
+constexpr int WP_FREQ_INDEX = 1;
+constexpr int WP_RATE_INDEX = 2;
+
+constexpr const char *DEFAULT_PROJECT = "Q7429K0400";
+constexpr int PROJECT_ID_LEN = 10;
+
+// Current working point: byte 0 automatic shift disabled, 1 frequency
+// index, 2 rate index. Shared by the frame thread and the control thread.
+extern std::atomic<uint8_t> work_parm[WORK_PARM_SIZE];
+// Requested working point: bytes 1 and 2, 0xFF for no request.
+extern std::atomic<uint8_t> work_parm_request[WORK_PARM_SIZE];
+extern std::atomic<uint8_t> m_need_update_param;
+// Consecutive frame time-outs while working.
+extern std::atomic<uint32_t> etimeout_cnt;
+// Non-zero: keep scanning when the screen goes off.
+extern std::atomic<uint32_t> wakeup_gesture_flag;
+
+extern kvr_hw_cap hw_cap;
+
+// Resets the working point, the CRC table and the calibration flags.
+void init_work_parm();
+// count frequencies in kHz from the configuration space; NULL on failure.
+uint16_t *get_available_scan_freq(int32_t count);
+uint8_t get_scan_freq_index(uint16_t freq);
+uint8_t get_scan_rate_index(uint8_t rate);
+
+bool is_enable_rate_switch();
+bool is_frame_swap();
+bool is_frame_force_reverse();
+bool is_frame_sense_reverse();
