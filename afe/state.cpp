@@ -40,6 +40,14 @@ uint32_t open_with_project(const char *tag, const char *project) {
   return result;
 }
 
+// strncpy semantics: at most 32 characters, the rest zero-filled, and no
+// terminator when the source fills the whole field.
+void copy_info_field(char (&field)[32], const char *source) {
+  const size_t length = strnlen(source, sizeof field);
+  memcpy(field, source, length);
+  memset(field + length, 0, sizeof field - length);
+}
+
 // The whole of the TUI calls: the state check.
 uint32_t tui_call(const char *tag) {
   NLOG(LOG_LEVEL_ENTRY, tag, "IN");
@@ -174,10 +182,9 @@ KVR_AFE_API kvr_afe_info *kvr_afe_get_info(void) {
   if (!afe_state_allows(MASK_WORKING, "kvr_afe_get_info")) {
     return nullptr;
   }
-  // Each field keeps at most 32 characters and is not terminated when full.
-  strncpy(afe_info.ic_name, vendor_get_ic_name(), sizeof afe_info.ic_name);
-  strncpy(afe_info.vendor_name, vendor_get_ic_vendor_name(), sizeof afe_info.vendor_name);
-  strncpy(afe_info.version, vendor_get_version(), sizeof afe_info.version);
+  copy_info_field(afe_info.ic_name, vendor_get_ic_name());
+  copy_info_field(afe_info.vendor_name, vendor_get_ic_vendor_name());
+  copy_info_field(afe_info.version, vendor_get_version());
   NLOG(LOG_LEVEL_INFO, "kvr_afe_get_info", "%.32s/%.32s/%.32s", afe_info.ic_name,
        afe_info.vendor_name, afe_info.version);
   NLOG(LOG_LEVEL_ENTRY, "kvr_afe_get_info", "OUT");

@@ -101,9 +101,9 @@ struct driver_state {
 driver_state driver();
 
 enum class fault_when {
-  once,  // the next matching call only
+  once, // the next matching call only
   always,
-  nth    // the Nth matching call from now (1 = next)
+  nth // the Nth matching call from now (1 = next)
 };
 // Makes ioctls with this request fail with errno err.
 void fail_ioctl(unsigned long request, int err, fault_when when = fault_when::once, int n = 1);
@@ -164,8 +164,8 @@ ic_state ic();
 void set_echo_delay_ms(uint32_t ms);
 
 // IC faults.
-void drop_echoes(int times);           // -1: always
-void error_before_echo(int times);     // an 0xF3 event before each echo
+void drop_echoes(int times);       // -1: always
+void error_before_echo(int times); // an 0xF3 event before each echo
 void fatal_on_next_command(bool with_dump);
 void host_data_never_loads(bool on);
 void fail_spi_transfer(int nth, int err); // Nth SPI transfer from now fails
@@ -191,7 +191,9 @@ void corrupt_crc(int count);
 void bad_channel_counts(uint8_t force, uint8_t sense, int count);
 void stop_frames(bool stopped); // the driver never gets a frame: time-outs
 
-// The chip's own frame CRC (independent of the library).
+// The chip's own frame CRC (independent of the library) over bytes
+// 20 .. length-1 of a frame; a frame's CRC is taken with length
+// 64 + 2(F*S + F + S), i.e. everything but the trailing counter.
 uint32_t frame_crc(const uint8_t *frame, size_t length);
 
 // Builds one frame exactly as the IC sends it (for tests that feed the
@@ -208,7 +210,11 @@ struct frame_spec {
   std::vector<int16_t> mutual; // force*sense raw values (row = force)
   std::vector<int16_t> self_force;
   std::vector<int16_t> self_sense;
+  uint8_t noise_level = 0;
+  uint16_t stddev[4] = {0, 0, 0, 0}; // r0..r3
 };
+// Short value vectors are padded with zeros; the frame is
+// 64 + 2(F*S + F + S) + 2 bytes, its CRC set over all but the trailer.
 std::vector<uint8_t> build_frame(const frame_spec &spec);
 
 // ---- Flash ----------------------------------------------------------------

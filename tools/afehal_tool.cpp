@@ -2,9 +2,11 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <string>
 
 #include "afehal/afehal.h"
 #include "sim/sim.h"
+#include "tools/tool.h"
 
 namespace {
 
@@ -53,9 +55,65 @@ int main(int argc, char **argv) {
   demo->add_flag("--sim", demo_sim, "use the simulated driver and panel");
   demo->add_option("--log-level", demo_level, "library log level 0..5")->check(CLI::Range(0, 5));
 
+  tool::frames_options frames_opts;
+  std::string frames_clock = "auto";
+  CLI::App *frames = app.add_subcommand(
+      "frames", "stream frames as a live heatmap of the mutual data (Ctrl-C stops)");
+  frames->add_flag("--sim", frames_opts.use_sim,
+                   "use the simulated driver and panel, with a moving touch");
+  frames->add_option("--count", frames_opts.count, "stop after this many frames (0: never)")
+      ->check(CLI::NonNegativeNumber);
+  frames->add_flag("--fps", frames_opts.fps, "print the measured frame rate at the end");
+  frames
+      ->add_option("--clock", frames_clock,
+                   "simulator clock: auto (real on a terminal or without --count, virtual for a "
+                   "bounded run into a pipe or file), real or virtual")
+      ->check(CLI::IsMember({"auto", "real", "virtual"}));
+  frames
+      ->add_option("--log-level", frames_opts.log_level,
+                   "library log level 0..5 (from 1 the frame path logs a status line per frame)")
+      ->check(CLI::Range(0, 5));
+  frames
+      ->add_option("--every", frames_opts.every,
+                   "when not on a terminal: print every Nth frame (default 60)")
+      ->check(CLI::PositiveNumber);
+  frames_opts.log_level = 0;
+
+  tool::fw_info_options fw_opts;
+  std::string fw_clock = "auto";
+  int chip_fw = fw_opts.chip_fw;
+  CLI::App *fw_info = app.add_subcommand(
+      "fw-info", "header, sections and flash map of the embedded firmware image or of FILE");
+  fw_info->add_option("FILE", fw_opts.file, "firmware image file (default: the embedded image)");
+  fw_info->add_flag("--sim-update", fw_opts.sim_update,
+                    "then update a simulated chip holding older firmware, with progress");
+  fw_info
+      ->add_option("--chip-fw", chip_fw,
+                   "fw version the simulated chip starts with (default 0x0080)")
+      ->check(CLI::Range(0, 0xFFFF));
+  fw_info
+      ->add_option("--clock", fw_clock,
+                   "simulator clock for --sim-update: auto (real on a terminal), real or virtual")
+      ->check(CLI::IsMember({"auto", "real", "virtual"}));
+  fw_info->add_flag("--verbose", fw_opts.verbose, "copy the library's log lines to stderr");
+
   CLI11_PARSE(app, argc, argv);
   if (demo->parsed()) {
     return run_demo(demo_sim, demo_level);
+  }
+  if (frames->parsed()) {
+    frames_opts.clock = tool::parse_clock(frames_clock);
+    return tool::run_frames(frames_opts);
+  }
+  if (fw_info->parsed()) {
+    if (fw_opts.sim_update && !fw_opts.file.empty()) {
+      std::fprintf(stderr, "afehal-tool: --sim-update always writes the embedded image; "
+                           "give no FILE with it\n");
+      return 1;
+    }
+    fw_opts.chip_fw = static_cast<uint16_t>(chip_fw);
+    fw_opts.clock = tool::parse_clock(fw_clock);
+    return tool::run_fw_info(fw_opts);
   }
   return 0;
 }
