@@ -52,13 +52,19 @@ void load_header_during_wait(const bytes &header) {
   os_install(&g_hooked);
 }
 
+// The last error copied to the Android log, "" when none.
+std::string last_error() {
+  const auto errors = android_errors();
+  return errors.empty() ? std::string() : errors.back();
+}
+
 TEST_F(HostData, OnlyANewCounterOfTheRequestedTypeEndsTheWait) {
   sim::host_data_never_loads(true);
   // Loaded, right type, but the counter never moves.
   sim::mem_write(HOST_DATA_ADDRESS, {0xA5, 0x01, 0x07, 0x00});
   EXPECT_EQ(request_host_data(HOST_DATA_CHIP_INFO, 100), 5u);
   EXPECT_TRUE(logged("Old cnt: 7 "));
-  EXPECT_EQ(android_errors().back(), "Timeout after requesting host data type 01");
+  EXPECT_EQ(last_error(), "Timeout after requesting host data type 01");
   const auto xfers = sim::spi_transfers();
   EXPECT_EQ(xfers[0].tx, (bytes{0xFB, 0x20, 0x01, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
   EXPECT_EQ(xfers[1].tx, (bytes{0xA4, 0x06, 0x01}));
@@ -77,17 +83,17 @@ TEST_F(HostData, FailuresAreReportedWithTheirCode) {
   sim::host_data_never_loads(true);
   EXPECT_EQ(request_host_data(0x30, 0), 5u);
   EXPECT_EQ(sim::spi_transfers().size(), 2u); // the header and the request only
-  EXPECT_EQ(android_errors().back(), "Timeout after requesting host data type 30");
+  EXPECT_EQ(last_error(), "Timeout after requesting host data type 30");
 
   sim::fail_spi_transfer(3, EIO);
   EXPECT_EQ(static_cast<int32_t>(request_host_data(0x01, 100)), -1);
-  EXPECT_EQ(android_errors().back(), "Error reading host data memory -1");
+  EXPECT_EQ(last_error(), "Error reading host data memory -1");
 
   // Never loads: read_chip_info gives 5 and leaves the record cleared.
   chip_info r{};
   r.fw_ver = 0x7777;
   EXPECT_EQ(read_chip_info(&r), 5u);
-  EXPECT_EQ(android_errors().back(), "Error requesting chip info");
+  EXPECT_EQ(last_error(), "Error requesting chip info");
   EXPECT_EQ(r.fw_ver, 0);
 
   sim::host_data_never_loads(false);

@@ -7,6 +7,7 @@
 
 #include "afe/afe.h"
 #include "platform/ioctrl.h"
+#include "platform/log.h"
 #include "support/fixture.h"
 
 namespace {

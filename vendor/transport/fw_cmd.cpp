@@ -20,8 +20,8 @@ constexpr uint32_t kResetSettleUs = 100000;
 constexpr uint32_t kReadyTimeoutMs = 1000;
 constexpr int32_t kEchoMatchMax = 4;
 
-// A harmless write of two zero bytes at 0x20000000, sent before every
-// command to wake the SPI slave up.
+// A harmless write of two zero bytes at 0x20000000 that goes out before
+// every command.
 constexpr uint32_t kDummyAddress = 0x20000000;
 constexpr std::array<uint8_t, 2> kDummyData{0x00, 0x00};
 // The system reset register.
@@ -148,7 +148,7 @@ uint32_t fifo_event_poll(uint8_t *buf, int32_t match_len, int32_t mode, uint32_t
   }
   // Only the bytes an echo can repeat take part in the match.
   const int32_t key_len =
-      buf == nullptr ? 0 : (match_len < 3 ? match_len : kEchoMatchMax);
+      buf == nullptr ? 0 : (match_len < kEchoMatchMax ? match_len : kEchoMatchMax);
   std::array<uint8_t, EVENT_SIZE> event{};
   for (;;) {
     os().usleep(kPollIntervalUs);
