@@ -48,20 +48,20 @@ void put16(std::vector<uint8_t> &bytes, size_t offset, uint16_t value) {
 }
 
 // A frame of this panel with all raw values zero.
-sim::frame_spec zero_spec(uint16_t index = 1) {
-  sim::frame_spec spec;
-  spec.counter = index;
-  spec.index = index;
-  spec.fw_counter = index;
-  spec.mutual.assign(kF * kS, 0);
-  spec.self_force.assign(kF, 0);
-  spec.self_sense.assign(kS, 0);
-  return spec;
+sim::frame_spec zero_frame(uint16_t index = 1) {
+  sim::frame_spec desc;
+  desc.counter = index;
+  desc.index = index;
+  desc.fw_counter = index;
+  desc.mutual.assign(kF * kS, 0);
+  desc.self_force.assign(kF, 0);
+  desc.self_sense.assign(kS, 0);
+  return desc;
 }
 
 // The raw mutual value of force row f and sense column s.
-int16_t &node(sim::frame_spec &spec, uint32_t f, uint32_t s) {
-  return spec.mutual[f * kS + s];
+int16_t &node(sim::frame_spec &desc, uint32_t f, uint32_t s) {
+  return desc.mutual[f * kS + s];
 }
 
 // Output position of raw node (f, s): sense-major, both axes reversed.
@@ -93,14 +93,14 @@ protected:
     std::memcpy(req->buf, bytes.data(), std::min<size_t>(bytes.size(), FRAME_BUFFER_SIZE));
     return vendor_parse_ioctrl_frame(req, &record_);
   }
-  bool parse(const sim::frame_spec &spec) { return parse(sim::build_frame(spec)); }
+  bool parse(const sim::frame_spec &desc) { return parse(sim::build_frame(desc)); }
 
   // A 120 Hz frame at the current working point (160 kHz, 120 Hz).
-  sim::frame_spec steady_spec(uint16_t index) {
-    sim::frame_spec spec = zero_spec(index);
-    spec.freq_khz = 160;
-    spec.rate_code = 0x40;
-    return spec;
+  sim::frame_spec steady_frame(uint16_t index) {
+    sim::frame_spec desc = zero_frame(index);
+    desc.freq_khz = 160;
+    desc.rate_code = 0x40;
+    return desc;
   }
 
   uint16_t freqs_[3] = {160, 200, 240};
@@ -124,8 +124,9 @@ TEST(FrameCrc, MatchesAnIndependentCrcForEveryTailLength) {
   }
   // Nothing before byte 20 is covered.
   EXPECT_EQ(calculate_crc(bytes.data(), 20), 0u);
+  const uint32_t before = calculate_crc(bytes.data(), 1252);
   bytes[19] ^= 0xFF;
-  EXPECT_EQ(calculate_crc(bytes.data(), 1252), reference_crc(bytes.data(), 1252));
+  EXPECT_EQ(calculate_crc(bytes.data(), 1252), before);
 }
 
 TEST(FrameCrc, TableIsMsbFirstAndARebuildRepairsIt) {
@@ -147,11 +148,11 @@ TEST(FrameCrc, TableIsMsbFirstAndARebuildRepairsIt) {
 }
 
 TEST_F(FrameParseTest, SimulatorFramesCarryTheChecksumTheParserComputes) {
-  sim::frame_spec spec = zero_spec(3);
-  for (size_t i = 0; i < spec.mutual.size(); ++i) {
-    spec.mutual[i] = static_cast<int16_t>(i * 53 - 9000);
+  sim::frame_spec desc = zero_frame(3);
+  for (size_t i = 0; i < desc.mutual.size(); ++i) {
+    desc.mutual[i] = static_cast<int16_t>(i * 53 - 9000);
   }
-  const std::vector<uint8_t> bytes = sim::build_frame(spec);
+  const std::vector<uint8_t> bytes = sim::build_frame(desc);
   ASSERT_EQ(bytes.size(), kFullBody + 2);
   EXPECT_EQ(le32(bytes, 4), calculate_crc(bytes.data(), kFullBody));
   EXPECT_EQ(sim::frame_crc(bytes.data(), kFullBody), calculate_crc(bytes.data(), kFullBody));
@@ -162,29 +163,17 @@ TEST_F(FrameParseTest, SimulatorFramesCarryTheChecksumTheParserComputes) {
 
 // ---- Conversion -------------------------------------------------------------
 
-TEST_F(FrameParseTest, ZeroSignalReadsAsOffsetBinaryMidpoint) {
-  ASSERT_TRUE(parse(zero_spec()));
-  ASSERT_NE(record_.mutual, nullptr);
-  ASSERT_NE(record_.self, nullptr);
-  for (uint32_t k = 0; k < kF * kS; ++k) {
-    ASSERT_EQ(record_.mutual[k], kZero) << "mutual " << k;
-  }
-  for (uint32_t k = 0; k < kF + kS; ++k) {
-    ASSERT_EQ(record_.self[k], kZero) << "self " << k;
-  }
-}
-
 TEST_F(FrameParseTest, MutualDataIsTransposedReversedAndGainCorrected) {
-  sim::frame_spec spec = zero_spec();
-  node(spec, 0, 0) = -100;   // gain 1.0 corner
-  node(spec, 15, 33) = 1533; // gain 1.0 corner
-  node(spec, 0, 33) = 33;    // gain 1.0 corner
-  node(spec, 15, 0) = 1500;  // gain 1.0 corner
-  node(spec, 7, 33) = 733;   // gain 1.0
-  node(spec, 1, 1) = 101;    // gain 2.0776: 209.84 -> 209
-  node(spec, 1, 2) = -101;   // gain 2.0833: -210.41 -> -210 (toward zero)
-  node(spec, 0, 32) = 32767; // gain 2.7958: 91609, only the low 16 bits kept
-  ASSERT_TRUE(parse(spec));
+  sim::frame_spec desc = zero_frame();
+  node(desc, 0, 0) = -100;   // gain 1.0 corner
+  node(desc, 15, 33) = 1533; // gain 1.0 corner
+  node(desc, 0, 33) = 33;    // gain 1.0 corner
+  node(desc, 15, 0) = 1500;  // gain 1.0 corner
+  node(desc, 7, 33) = 733;   // gain 1.0
+  node(desc, 1, 1) = 101;    // gain 2.0776: 209.84 -> 209
+  node(desc, 1, 2) = -101;   // gain 2.0833: -210.41 -> -210 (toward zero)
+  node(desc, 0, 32) = 32767; // gain 2.7958: 91609, only the low 16 bits kept
+  ASSERT_TRUE(parse(desc));
 
   EXPECT_EQ(record_.mutual[0], 1533 ^ kZero); // output starts at raw (15, 33)
   EXPECT_EQ(record_.mutual[15], 33 ^ kZero);
@@ -202,14 +191,14 @@ TEST_F(FrameParseTest, MutualDataIsTransposedReversedAndGainCorrected) {
 }
 
 TEST_F(FrameParseTest, SelfDataKeepsForceThenSenseEachReversed) {
-  sim::frame_spec spec = zero_spec();
+  sim::frame_spec desc = zero_frame();
   for (uint32_t r = 0; r < kF; ++r) {
-    spec.self_force[r] = static_cast<int16_t>(10 + r);
+    desc.self_force[r] = static_cast<int16_t>(10 + r);
   }
-  spec.self_sense[0] = 300;   // gain 0.705: 211.5 -> 211
-  spec.self_sense[33] = 1000; // gain 0.990
-  spec.self_sense[5] = -50;   // gain 0.729: -36.45 -> -36
-  ASSERT_TRUE(parse(spec));
+  desc.self_sense[0] = 300;   // gain 0.705: 211.5 -> 211
+  desc.self_sense[33] = 1000; // gain 0.990
+  desc.self_sense[5] = -50;   // gain 0.729: -36.45 -> -36
+  ASSERT_TRUE(parse(desc));
 
   EXPECT_EQ(record_.self[0], 25 ^ kZero);  // force 15, gain 1.0
   EXPECT_EQ(record_.self[1], 22 ^ kZero);  // force 14: 0.938 x 24 = 22.5
@@ -217,18 +206,20 @@ TEST_F(FrameParseTest, SelfDataKeepsForceThenSenseEachReversed) {
   EXPECT_EQ(record_.self[kF + 0], 990 ^ kZero);
   EXPECT_EQ(record_.self[kF + 33], 211 ^ kZero);
   EXPECT_EQ(record_.self[kF + 28], static_cast<uint16_t>(-36) ^ kZero);
+  // Zero signal reads as the midpoint.
+  EXPECT_EQ(std::count(record_.self + kF, record_.self + kF + kS, kZero), 31);
 }
 
 TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
   // 2 x 3 channels: the checksummed body is 86 bytes, 66 from byte 20, so
   // the last word is padded.
-  sim::frame_spec spec;
-  spec.force = 2;
-  spec.sense = 3;
-  spec.mutual = {1, 2, 3, 4, 5, 6};
-  spec.self_force = {7, 8};
-  spec.self_sense = {9, 10, 11};
-  const std::vector<uint8_t> bytes = sim::build_frame(spec);
+  sim::frame_spec desc;
+  desc.force = 2;
+  desc.sense = 3;
+  desc.mutual = {1, 2, 3, 4, 5, 6};
+  desc.self_force = {7, 8};
+  desc.self_sense = {9, 10, 11};
+  const std::vector<uint8_t> bytes = sim::build_frame(desc);
   ASSERT_EQ(bytes.size(), 88u);
   ASSERT_TRUE(parse(bytes));
   // Raw node index f*3 + s picks gain_ms[f*3 + s]; only index 0 is 1.0.
@@ -241,16 +232,16 @@ TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
 // ---- Header fields and status -----------------------------------------------
 
 TEST_F(FrameParseTest, HeaderFieldsAndScanModeStatus) {
-  sim::frame_spec spec = zero_spec(42);
-  spec.freq_khz = 200;
-  spec.rate_code = 0x3F;
-  spec.scan_mode = 4;
-  spec.noise_level = 9;
-  spec.stddev[0] = 1;
-  spec.stddev[1] = 300;
-  spec.stddev[2] = 65535;
-  spec.stddev[3] = 4;
-  ASSERT_TRUE(parse(spec));
+  sim::frame_spec desc = zero_frame(42);
+  desc.freq_khz = 200;
+  desc.rate_code = 0x3F;
+  desc.scan_mode = 4;
+  desc.noise_level = 9;
+  desc.stddev[0] = 1;
+  desc.stddev[1] = 300;
+  desc.stddev[2] = 65535;
+  desc.stddev[3] = 4;
+  ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.frame_index, 42u);
   EXPECT_TRUE(logged("Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: 4"));
   EXPECT_EQ(record_.freq_khz, 200);
@@ -259,37 +250,37 @@ TEST_F(FrameParseTest, HeaderFieldsAndScanModeStatus) {
   EXPECT_TRUE(logged("Active status: 00000002"));
   EXPECT_TRUE(logged("Frame index: 42, size: 16 X 34, scan mode: 04, freq: 200KHz, rate: 180Hz"));
 
-  spec = zero_spec(43);
-  spec.rate_code = 0x40;
-  spec.scan_mode = 2;
-  ASSERT_TRUE(parse(spec));
+  desc = zero_frame(43);
+  desc.rate_code = 0x40;
+  desc.scan_mode = 2;
+  ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.rate_hz, 120);
   EXPECT_EQ(record_.status & 0x03u, static_cast<uint32_t>(KVR_AFE_STATUS_IDLE));
   EXPECT_TRUE(logged("Idle status: 00000001"));
 
-  spec = zero_spec(44);
-  spec.scan_mode = 3;
-  ASSERT_TRUE(parse(spec));
+  desc = zero_frame(44);
+  desc.scan_mode = 3;
+  ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.status & 0x03u, 0u);
   EXPECT_TRUE(logged("None status: 00000000"));
 }
 
 TEST_F(FrameParseTest, CalibrationAndRecalRequestShowInTheStatus) {
   calibration_done.store(1);
-  ASSERT_TRUE(parse(steady_spec(1)));
+  ASSERT_TRUE(parse(steady_frame(1)));
   EXPECT_EQ(record_.status,
             static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_CALIBRATION_DONE));
   EXPECT_TRUE(logged("Calibration done status: 0000000A"));
 
   recal_request.store(1);
-  ASSERT_TRUE(parse(steady_spec(2)));
+  ASSERT_TRUE(parse(steady_frame(2)));
   EXPECT_EQ(record_.status,
             static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_CALIBRATION_DONE |
                                   KVR_AFE_STATUS_RECAL_REQUEST));
   EXPECT_TRUE(logged("Recal request status: 0000008A"));
 
   calibration_done.store(0);
-  ASSERT_TRUE(parse(steady_spec(3)));
+  ASSERT_TRUE(parse(steady_frame(3)));
   EXPECT_EQ(record_.status,
             static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_RECAL_REQUEST));
 }
@@ -297,10 +288,10 @@ TEST_F(FrameParseTest, CalibrationAndRecalRequestShowInTheStatus) {
 // ---- Rejections -------------------------------------------------------------
 
 TEST_F(FrameParseTest, BadTagIsRejectedAndLeavesTheRecordsDataAlone) {
-  ASSERT_TRUE(parse(zero_spec(1)));
+  ASSERT_TRUE(parse(zero_frame(1)));
   uint16_t *mutual = record_.mutual;
   record_.status = 0x1234;
-  std::vector<uint8_t> bytes = sim::build_frame(zero_spec(2));
+  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(2));
   bytes[1] = 0x3B;
   EXPECT_FALSE(parse(bytes));
   EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Invalid header information found A5 3B"));
@@ -315,7 +306,7 @@ TEST_F(FrameParseTest, BadTagIsRejectedAndLeavesTheRecordsDataAlone) {
 }
 
 TEST_F(FrameParseTest, TrailerOneOffIsRejectedBeforeTheChecksum) {
-  std::vector<uint8_t> bytes = sim::build_frame(zero_spec(5));
+  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(5));
   put16(bytes, kFullBody, 6);
   clear_log();
   EXPECT_FALSE(parse(bytes));
@@ -329,7 +320,7 @@ TEST_F(FrameParseTest, TrailerOneOffIsRejectedBeforeTheChecksum) {
 }
 
 TEST_F(FrameParseTest, ChecksumErrorsAreCountedAndReported) {
-  std::vector<uint8_t> bytes = sim::build_frame(zero_spec(9));
+  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(9));
   const uint32_t stored = le32(bytes, 4);
   bytes[100] ^= 0x01;
   const uint32_t computed = reference_crc(bytes.data(), kFullBody);
@@ -344,17 +335,17 @@ TEST_F(FrameParseTest, ChecksumErrorsAreCountedAndReported) {
   EXPECT_EQ(crc_error_count.load(), 1u);
 
   // The stored CRC itself lies outside the checksummed bytes.
-  bytes = sim::build_frame(zero_spec(10));
+  bytes = sim::build_frame(zero_frame(10));
   bytes[4] ^= 0x80;
   EXPECT_FALSE(parse(bytes));
   EXPECT_EQ(crc_error_count.load(), 2u);
   // A good frame does not reset the count.
-  EXPECT_TRUE(parse(zero_spec(11)));
+  EXPECT_TRUE(parse(zero_frame(11)));
   EXPECT_EQ(crc_error_count.load(), 2u);
 }
 
 TEST_F(FrameParseTest, ImpossibleChannelCountsAreRejectedWithoutReadingPastTheTables) {
-  const std::vector<uint8_t> good = sim::build_frame(zero_spec(1));
+  const std::vector<uint8_t> good = sim::build_frame(zero_frame(1));
   struct counts {
     uint8_t force, sense;
   };
@@ -372,7 +363,7 @@ TEST_F(FrameParseTest, ImpossibleChannelCountsAreRejectedWithoutReadingPastTheTa
 }
 
 TEST_F(FrameParseTest, AFrameMustFitTheAreaItWasReceivedIn) {
-  const std::vector<uint8_t> good = sim::build_frame(zero_spec(1));
+  const std::vector<uint8_t> good = sim::build_frame(zero_frame(1));
   ASSERT_EQ(good.size(), 1254u);
   // An area exactly as large as the frame holds it; one byte less does not,
   // and the parser must not read the missing trailer byte.
@@ -388,31 +379,31 @@ TEST_F(FrameParseTest, AFrameMustFitTheAreaItWasReceivedIn) {
 // ---- Loss accounting --------------------------------------------------------
 
 TEST_F(FrameParseTest, GapsInTheFrameIndexAreReportedWithFirmwareDrops) {
-  sim::frame_spec spec = steady_spec(1);
-  ASSERT_TRUE(parse(spec)); // the first frame after load compares with 0
+  sim::frame_spec desc = steady_frame(1);
+  ASSERT_TRUE(parse(desc)); // the first frame after load compares with 0
   EXPECT_FALSE(logged("Frame missing: drop 0 frames, FW drops 1 frames"));
-  spec = steady_spec(7);
-  spec.fw_counter = 20;
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(7);
+  desc.fw_counter = 20;
+  ASSERT_TRUE(parse(desc));
   EXPECT_TRUE(
       logged("vendor_parse_ioctrl_frame", "Frame missing: drop 5 frames, FW drops 19 frames"));
-  spec = steady_spec(10);
-  spec.fw_counter = 23;
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(10);
+  desc.fw_counter = 23;
+  ASSERT_TRUE(parse(desc));
   EXPECT_TRUE(logged("Frame missing: drop 2 frames, FW drops 3 frames"));
   clear_log();
-  spec = steady_spec(11);
-  ASSERT_TRUE(parse(spec));
-  spec = steady_spec(11); // a repeated index is no loss either
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(11);
+  ASSERT_TRUE(parse(desc));
+  desc = steady_frame(11); // a repeated index is no loss either
+  ASSERT_TRUE(parse(desc));
   for (const std::string &msg : log_messages()) {
     EXPECT_EQ(msg.rfind("Frame missing", 0), std::string::npos) << msg;
   }
 }
 
 TEST_F(FrameParseTest, ResetStateForgetsThePreviousFrameAndTheErrorCount) {
-  ASSERT_TRUE(parse(steady_spec(7)));
-  std::vector<uint8_t> bad = sim::build_frame(steady_spec(8));
+  ASSERT_TRUE(parse(steady_frame(7)));
+  std::vector<uint8_t> bad = sim::build_frame(steady_frame(8));
   bad[200] ^= 1;
   EXPECT_FALSE(parse(bad));
   ASSERT_EQ(crc_error_count.load(), 1u);
@@ -421,42 +412,39 @@ TEST_F(FrameParseTest, ResetStateForgetsThePreviousFrameAndTheErrorCount) {
   EXPECT_EQ(crc_error_count.load(), 0u);
   EXPECT_EQ(calibration_done.load(), 0);
   clear_log();
-  ASSERT_TRUE(parse(steady_spec(3)));
+  ASSERT_TRUE(parse(steady_frame(3)));
   EXPECT_TRUE(logged("Frame missing: drop 2 frames, FW drops 3 frames"));
 }
 
 // ---- Shift tracking ---------------------------------------------------------
 
-TEST_F(FrameParseTest, NoShiftWhileTheFrameMatchesTheCurrentPoint) {
-  ASSERT_TRUE(parse(steady_spec(1)));
-  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
-  EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 0);
-}
-
 TEST_F(FrameParseTest, UnrequestedChangesAreTrackedPerAxis) {
-  sim::frame_spec spec = steady_spec(1);
-  spec.freq_khz = 240;
-  ASSERT_TRUE(parse(spec));
+  // At the current point (index 0 of both lists) nothing has shifted.
+  ASSERT_TRUE(parse(steady_frame(1)));
+  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
+
+  sim::frame_spec desc = steady_frame(1);
+  desc.freq_khz = 240;
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_TRUE(logged("Frequency shift done: 160 -> 240KHz"));
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 2);
   EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 0);
 
-  spec = steady_spec(2);
-  spec.freq_khz = 240;
-  spec.rate_code = 0x10; // 180 Hz
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(2);
+  desc.freq_khz = 240;
+  desc.rate_code = 0x10; // 180 Hz
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_TRUE(logged("Scan rate shift done: 120 -> 180Hz"));
   EXPECT_FALSE(logged("Frequency shift done: 240 -> 240KHz"));
   EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 1);
 
   // A frequency outside the list counts as a shift and falls back to index 0.
-  spec = steady_spec(3);
-  spec.freq_khz = 175;
-  spec.rate_code = 0x10;
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(3);
+  desc.freq_khz = 175;
+  desc.rate_code = 0x10;
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_TRUE(logged("Frequency shift done: 240 -> 175KHz"));
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
@@ -465,18 +453,18 @@ TEST_F(FrameParseTest, UnrequestedChangesAreTrackedPerAxis) {
 TEST_F(FrameParseTest, ARequestForBothAxesCompletesOnlyWhenBothArrive) {
   work_parm_request[WP_FREQ_INDEX].store(1);
   work_parm_request[WP_RATE_INDEX].store(1);
-  sim::frame_spec spec = steady_spec(1);
-  spec.freq_khz = 200; // frequency arrived, rate not yet
-  ASSERT_TRUE(parse(spec));
+  sim::frame_spec desc = steady_frame(1);
+  desc.freq_khz = 200; // frequency arrived, rate not yet
+  ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_TRUE(logged(
       "Shift not all effective yet, print prev/cur/target, freq: 160/200/200, rate: 120/120/180"));
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
 
-  spec = steady_spec(2);
-  spec.freq_khz = 200;
-  spec.rate_code = 0x00;
-  ASSERT_TRUE(parse(spec));
+  desc = steady_frame(2);
+  desc.freq_khz = 200;
+  desc.rate_code = 0x00;
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_TRUE(
       logged("Frequency and Scan rate shift are done, freq: 160 -> 200KHz, rate: 120 -> 180"));
@@ -490,21 +478,21 @@ TEST_F(FrameParseTest, ARequestForBothAxesCompletesOnlyWhenBothArrive) {
 TEST_F(FrameParseTest, APendingFrequencyRequestIsReportedUntilAcknowledged) {
   work_parm_request[WP_FREQ_INDEX].store(1);
   // Still at the old point: the request has not taken effect.
-  ASSERT_TRUE(parse(steady_spec(1)));
+  ASSERT_TRUE(parse(steady_frame(1)));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
 
-  sim::frame_spec spec = steady_spec(2);
-  spec.freq_khz = 200;
-  ASSERT_TRUE(parse(spec));
+  sim::frame_spec desc = steady_frame(2);
+  desc.freq_khz = 200;
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 1);
-  spec.index = spec.counter = 3;
-  ASSERT_TRUE(parse(spec));
+  desc.index = desc.counter = 3;
+  ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
 
   EXPECT_EQ(vendor_clear_status(KVR_AFE_STATUS_SHIFT_DONE), 0u);
-  spec.index = spec.counter = 4;
-  ASSERT_TRUE(parse(spec));
+  desc.index = desc.counter = 4;
+  ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
 }
 
@@ -515,7 +503,7 @@ TEST_F(FrameParseTest, NoCapabilityListMeansEveryFrameIsAShiftToIndexZero) {
   hw_cap.rate_count = 0;
   work_parm[WP_FREQ_INDEX].store(3);
   work_parm_request[WP_FREQ_INDEX].store(0);
-  ASSERT_TRUE(parse(steady_spec(1)));
+  ASSERT_TRUE(parse(steady_frame(1)));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
 }
@@ -562,34 +550,27 @@ TEST_F(SimTest, NeedSosResetsTheChipOnlyWhenTheFlagIsSet) {
 
 // ---- frame_process ----------------------------------------------------------
 
-TEST(FrameProcess, AddsTheOffsetAfterTruncation) {
+TEST(FrameProcess, AddsTheOffsetAfterTruncationWithTheChosenTable) {
   std::vector<uint8_t> src(2 * kF * kS, 0);
-  // Raw node (0, 0) = -10 at gain 1.0.
-  src[0] = static_cast<uint8_t>(-10 & 0xFF);
+  src[0] = static_cast<uint8_t>(-10 & 0xFF); // raw node (0, 0) = -10, gain 1.0
   src[1] = static_cast<uint8_t>((-10 >> 8) & 0xFF);
   std::vector<uint16_t> dest(kF * kS, 0xAAAA);
   frame_process(src.data(), dest.data(), kF, kS, 5, GAIN_MS);
-  EXPECT_EQ(dest[out_index(0, 0)], 0xFFFB); // -10 + 5
-  EXPECT_EQ(dest[0], 5);
+  EXPECT_EQ(dest[out_index(0, 0)], 0xFFFB); // -10 + 5, not XORed
   EXPECT_EQ(std::count(dest.begin(), dest.end(), 5), static_cast<long>(kF * kS - 1));
-}
 
-TEST(FrameProcess, SelfTablesAreChosenByIndex) {
-  // One force row of 34 sense values through the sense gains.
-  std::vector<uint8_t> src(2 * kS, 0);
+  // One row of 34 values through the sense gains, one column of 16 through
+  // the force gains.
+  std::fill(src.begin(), src.end(), 0);
   src[2 * 33] = 1000 & 0xFF;
   src[2 * 33 + 1] = 1000 >> 8;
-  std::vector<uint16_t> dest(kS, 0xAAAA);
   frame_process(src.data(), dest.data(), 1, kS, 0, GAIN_SS_SENSE);
   EXPECT_EQ(dest[0], 990); // sense 33, gain 0.990
   EXPECT_EQ(dest[1], 0);
-
-  // Sixteen force values through the force gains.
-  std::vector<uint8_t> force_src(2 * kF, 0);
-  force_src[2 * 14] = 24;
-  std::vector<uint16_t> force_dest(kF, 0xAAAA);
-  frame_process(force_src.data(), force_dest.data(), kF, 1, 0x8000, GAIN_SS_FORCE);
-  EXPECT_EQ(force_dest[1], 0x8000 + 22); // force 14, gain 0.938
+  std::fill(src.begin(), src.end(), 0);
+  src[2 * 14] = 24;
+  frame_process(src.data(), dest.data(), kF, 1, 0x8000, GAIN_SS_FORCE);
+  EXPECT_EQ(dest[1], 0x8000 + 22); // force 14, gain 0.938
 }
 
 class FrameProcessTest : public SimTest {};
@@ -626,20 +607,14 @@ TEST(GainTables, MutualTableHasTheFixedEntriesAndShape) {
   }
   EXPECT_EQ(ones, (std::vector<size_t>{0, 33, 271, 305, 510, 543}));
 
-  const float row0_head[] = {1.0f, 2.3095f, 2.3328f, 2.3456f, 2.4058f, 2.3544f};
-  const float row0_tail[] = {2.6636f, 2.7958f, 1.0f};
-  const float row1_head[] = {2.3024f, 2.0776f, 2.0833f, 2.0478f};
-  const float row1_tail[] = {2.2802f, 2.2660f, 2.7538f};
-  for (size_t i = 0; i < 6; ++i) {
-    EXPECT_EQ(gain_ms[i], row0_head[i]) << i;
-  }
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(gain_ms[31 + i], row0_tail[i]) << i;
-    EXPECT_EQ(gain_ms[kS + 31 + i], row1_tail[i]) << i;
-  }
-  for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(gain_ms[kS + i], row1_head[i]) << i;
-  }
+  const auto slice = [](uint32_t f, uint32_t from, uint32_t to) {
+    return std::vector<float>(gain_ms + f * kS + from, gain_ms + f * kS + to);
+  };
+  EXPECT_EQ(slice(0, 0, 6),
+            (std::vector<float>{1.0f, 2.3095f, 2.3328f, 2.3456f, 2.4058f, 2.3544f}));
+  EXPECT_EQ(slice(0, 31, 34), (std::vector<float>{2.6636f, 2.7958f, 1.0f}));
+  EXPECT_EQ(slice(1, 0, 4), (std::vector<float>{2.3024f, 2.0776f, 2.0833f, 2.0478f}));
+  EXPECT_EQ(slice(1, 31, 34), (std::vector<float>{2.2802f, 2.2660f, 2.7538f}));
 
   for (uint32_t f = 0; f < kF; ++f) {
     const float *row = gain_ms + f * kS;
@@ -660,21 +635,6 @@ TEST(GainTables, MutualTableHasTheFixedEntriesAndShape) {
   for (float g : gain_ms) {
     EXPECT_NEAR(g * 10000.0f, std::round(g * 10000.0f), 0.01f);
   }
-}
-
-TEST(GainTables, SelfTables) {
-  ASSERT_EQ(std::size(gain_ss_force), 16u);
-  ASSERT_EQ(std::size(gain_ss_sense), 34u);
-  EXPECT_EQ(gain_ss_force[0], 1.0f);
-  EXPECT_EQ(gain_ss_force[15], 1.0f);
-  for (size_t i = 1; i < 15; ++i) {
-    EXPECT_EQ(gain_ss_force[i], 0.938f) << i;
-  }
-  EXPECT_EQ(gain_ss_sense[0], 0.705f);
-  EXPECT_EQ(gain_ss_sense[2], 0.677f);
-  EXPECT_EQ(gain_ss_sense[16], 0.845f);
-  EXPECT_EQ(gain_ss_sense[23], 0.904f);
-  EXPECT_EQ(gain_ss_sense[33], 0.990f);
 }
 
 } // namespace

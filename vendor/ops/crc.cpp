@@ -106,7 +106,7 @@ uint32_t calculate_crc(const uint8_t *bytes, uint32_t length) {
     // The missing high bytes of the last word are fed as zeros.
     uint32_t word = 0;
     for (uint32_t i = 0; i < remaining; ++i) {
-      word |= static_cast<uint32_t>(p[i]) << (8 * (3 - i));
+      word |= static_cast<uint32_t>(p[i]) << (8 * i);
     }
     crc = word_step(crc, word);
   }
