@@ -33,7 +33,7 @@ enum CMD_EXCUTE_ORDER : uint32_t {
 };
 static_assert(sizeof(enum CMD_EXCUTE_ORDER) == sizeof(uint32_t));
 
-// Part of the exported interface; nothing reads or writes it. (The braced
+// Exported with the interface; nothing reads or writes it. (The braced
 // linkage block makes this a definition.)
 extern "C" {
 __attribute__((visibility("default"))) enum CMD_EXCUTE_ORDER CMD_EXCUTE_ORDER = CMD_CLEAR_STATUS;

@@ -43,6 +43,18 @@ uint8_t chip_id_byte(uint32_t offset) {
   return bytes[offset & 7];
 }
 
+void set_scan(bool sensing, bool idle) {
+  const bool was_sensing = g_ic.sensing;
+  const bool was_idle = g_ic.idle;
+  g_ic.sensing = sensing;
+  g_ic.idle = sensing && idle;
+  if (!sensing) {
+    panel_stop();
+  } else if (!was_sensing || was_idle != g_ic.idle) {
+    panel_start(clock_now());
+  }
+}
+
 // A read as the bus returns it: memory, with the chip id and the flash
 // status bits laid over it.
 void bus_read(uint32_t address, uint8_t *out, size_t count) {
@@ -63,25 +75,23 @@ void bus_read(uint32_t address, uint8_t *out, size_t count) {
 }
 
 void bus_write(uint32_t address, const uint8_t *data, size_t count) {
+  // Bytes written over the chip id land in memory but never show: reads
+  // there return the id (the host's dummy write goes there harmlessly).
+  mem_store(address, data, count);
+  // Register side effects, once the whole write has landed (the DMA start
+  // byte comes last in its block and needs the bytes before it).
   bool reset = false;
   for (size_t i = 0; i < count; ++i) {
     const uint32_t a = address + static_cast<uint32_t>(i);
-    if (in_range(a, wire::kChipIdRegs, 8)) {
-      continue; // read-only; the host's dummy write lands here harmlessly
+    if (!in_range(a, wire::kRegPage, wire::kRegPageSize)) {
+      continue;
     }
-    mem_store(a, &data[i], 1);
-  }
-  // Register side effects, once the whole write has landed (the DMA start
-  // byte comes last in its block and needs the bytes before it).
-  for (size_t i = 0; i < count; ++i) {
-    const uint32_t a = address + static_cast<uint32_t>(i);
     if (a == wire::kCoreControl) {
       if (data[i] == wire::kResetValue) {
         reset = true;
       } else if (data[i] == wire::kHoldValue) {
         g_ic.running = false;
-        g_ic.sensing = false;
-        panel_stop();
+        set_scan(false, false);
       } else if (data[i] == wire::kRunValue) {
         g_ic.running = true;
       }
@@ -100,18 +110,6 @@ event_bytes event_of(std::initializer_list<uint8_t> bytes) {
   event_bytes e{};
   std::copy_n(bytes.begin(), std::min(bytes.size(), e.size()), e.begin());
   return e;
-}
-
-void set_scan(bool sensing, bool idle) {
-  const bool was_sensing = g_ic.sensing;
-  const bool was_idle = g_ic.idle;
-  g_ic.sensing = sensing;
-  g_ic.idle = sensing && idle;
-  if (!sensing) {
-    panel_stop();
-  } else if (!was_sensing || was_idle != g_ic.idle) {
-    panel_start(clock_now());
-  }
 }
 
 void write_error_dump(bool present) {

@@ -87,29 +87,29 @@ void produce_frame(int64_t stamp_us) {
     return; // scanned, counted, never delivered
   }
 
-  frame_spec spec;
-  spec.counter = g_panel.counter;
-  spec.index = g_panel.index;
-  spec.fw_counter = g_panel.fw_counter;
-  spec.scan_mode = g_ic.idle ? wire::kScanModeIdle : wire::kScanModeActive;
-  spec.rate_code = g_ic.rate_index == 1 ? wire::kRateCode180 : wire::kRateCode120;
-  spec.freq_khz = scan_freq_khz(g_ic.freq_index);
-  spec.force = force;
-  spec.sense = sense;
-  spec.noise_level = static_cast<uint8_t>(std::min<uint32_t>(g_panel.noise, 255));
+  frame_spec fields;
+  fields.counter = g_panel.counter;
+  fields.index = g_panel.index;
+  fields.fw_counter = g_panel.fw_counter;
+  fields.scan_mode = g_ic.idle ? wire::kScanModeIdle : wire::kScanModeActive;
+  fields.rate_code = g_ic.rate_index == 1 ? wire::kRateCode180 : wire::kRateCode120;
+  fields.freq_khz = scan_freq_khz(g_ic.freq_index);
+  fields.force = force;
+  fields.sense = sense;
+  fields.noise_level = static_cast<uint8_t>(std::min<uint32_t>(g_panel.noise, 255));
   const auto sd = static_cast<uint16_t>(std::lround(g_panel.noise / std::sqrt(3.0f)));
-  std::fill(std::begin(spec.stddev), std::end(spec.stddev), sd);
+  std::fill(std::begin(fields.stddev), std::end(fields.stddev), sd);
 
-  spec.mutual.resize(size_t{force} * sense);
-  spec.self_force.resize(force);
-  spec.self_sense.resize(sense);
+  fields.mutual.resize(size_t{force} * sense);
+  fields.self_force.resize(force);
+  fields.self_sense.resize(sense);
   for (size_t f = 0; f < force; ++f) {
     for (size_t s = 0; s < sense; ++s) {
       float v = noise();
       for (const auto &t : g_panel.touches) {
         v += t.strength * bump(static_cast<float>(s) - t.x) * bump(static_cast<float>(f) - t.y);
       }
-      spec.mutual[f * sense + s] = clamp16(v);
+      fields.mutual[f * sense + s] = clamp16(v);
     }
   }
   for (size_t f = 0; f < force; ++f) {
@@ -117,26 +117,26 @@ void produce_frame(int64_t stamp_us) {
     for (const auto &t : g_panel.touches) {
       v += kSelfShare * t.strength * bump(static_cast<float>(f) - t.y);
     }
-    spec.self_force[f] = clamp16(v);
+    fields.self_force[f] = clamp16(v);
   }
   for (size_t s = 0; s < sense; ++s) {
     float v = noise();
     for (const auto &t : g_panel.touches) {
       v += kSelfShare * t.strength * bump(static_cast<float>(s) - t.x);
     }
-    spec.self_sense[s] = clamp16(v);
+    fields.self_sense[s] = clamp16(v);
   }
   if (take(g_panel.bad_counts)) {
-    spec.force = g_panel.bad_force;
-    spec.sense = g_panel.bad_sense;
+    fields.force = g_panel.bad_force;
+    fields.sense = g_panel.bad_sense;
   }
 
-  std::vector<uint8_t> frame = build_frame(spec);
+  std::vector<uint8_t> frame = build_frame(fields);
   if (take(g_panel.bad_tag)) {
     frame[1] = 0x3B;
   }
   if (take(g_panel.bad_counter)) {
-    put_le16(&frame[frame.size() - 2], static_cast<uint16_t>(spec.counter + 1));
+    put_le16(&frame[frame.size() - 2], static_cast<uint16_t>(fields.counter + 1));
   }
   if (take(g_panel.bad_crc)) {
     frame[4] ^= 0x01;

@@ -8,6 +8,26 @@
 //
 // Everything here is thread-safe: the frame thread and the control thread
 // of the library may call into the simulator at the same time.
+//
+// How the model behaves where the wire alone does not say:
+// - Driver: descriptors from 3 up; blocking mode and the IRQ on at
+//   install; a frame wait of 1000 ms until the host sets a time-out; the
+//   driver keeps the newest 16 frames and loses frames while the IRQ is
+//   off. Pointer records with a non-zero reserved word are refused
+//   (EINVAL), NULL buffers give EFAULT, transfers above 64 KiB EMSGSIZE.
+//   A successful ioctl returns 0.
+// - Chip: every firmware command but the host-data request (A4 06 t) and
+//   the frame-status request (C0 07) is echoed, unknown ones included.
+//   While the core is held (01 at 0x20000024) commands are ignored and no
+//   frames are scanned; a reset (80 there) stops sensing, clears pins,
+//   the event FIFO and the control registers, and raises controller-ready
+//   10 ms later. The 8 bytes at 0x20000000 read as the chip id. A7 hi lo
+//   reads the host-data area from that offset. Host data loads 3 ms after
+//   its request; types other than chip info (01) load a 16-byte header
+//   only.
+// - Panel: 16 force x 34 sense channels from configuration 0x0030;
+//   120 Hz (rate code 0x40) until C0 00 01 selects 180 Hz (code 0x00);
+//   idle scans at 20 Hz; frequency points of 160, 145, 133, 123 kHz.
 #pragma once
 
 #include <cstddef>
@@ -76,7 +96,8 @@ struct android_line {
 };
 std::vector<android_line> android_log();
 
-// Forgets the recordings above (state and faults stay).
+// Forgets the recordings above and the flash records (state and faults
+// stay).
 void clear_recording();
 
 // ---- Heap -------------------------------------------------------------------
@@ -109,7 +130,7 @@ enum class fault_when {
 void fail_ioctl(unsigned long request, int err, fault_when when = fault_when::once, int n = 1);
 // Makes open of the device node fail with errno err (times: how many opens).
 void fail_open(int err, int times);
-// Clears every injected fault (driver, IC and panel).
+// Clears every injected fault (driver, IC, panel, flash and heap).
 void clear_faults();
 
 // ---- IC -------------------------------------------------------------------------
@@ -163,7 +184,8 @@ ic_state ic();
 // Echo delay of firmware commands (default 4 ms).
 void set_echo_delay_ms(uint32_t ms);
 
-// IC faults.
+// IC faults. A command whose echo is dropped still takes effect; the
+// command after fatal_on_next_command is lost and answered by F2.
 void drop_echoes(int times);       // -1: always
 void error_before_echo(int times); // an 0xF3 event before each echo
 void fatal_on_next_command(bool with_dump);
@@ -180,7 +202,8 @@ struct touch {
 void set_touches(const std::vector<touch> &touches);
 void set_noise(uint16_t amplitude);
 
-// Frames produced so far / dropped by the IC.
+// Frames the panel handed to the driver so far (frames removed by
+// drop_frames are not counted; the driver may still lose some).
 uint32_t frames_produced();
 
 // Panel faults (count: how many frames; -1: all).
@@ -215,13 +238,20 @@ struct frame_spec {
 };
 // Short value vectors are padded with zeros; the frame is
 // 64 + 2(F*S + F + S) + 2 bytes, its CRC set over all but the trailer.
-std::vector<uint8_t> build_frame(const frame_spec &spec);
+std::vector<uint8_t> build_frame(const frame_spec &fields);
 
 // ---- Flash ----------------------------------------------------------------
 
+// Erase and DMA act only while the core is held and the flash is unlocked
+// (0x20 at 0x20000025, 0x03 at 0x200000DE), and the DMA only after the
+// exact start block 00 40 42 0F 00 00 C0. Programming clears bits only
+// (flash &= data), so a page written without an erase reads back wrong.
+// Erase is busy 30 ms by default, a DMA 10 ms.
 constexpr uint32_t kFlashSize = 128 * 1024;
 constexpr uint32_t kFlashPage = 4096;
 std::vector<uint8_t> flash();
+// Replaces the flash contents (the rest erased); the reported versions
+// change only through programming and a reset.
 void set_flash(const std::vector<uint8_t> &contents);
 // Pages erased / words programmed, in order.
 std::vector<int> erased_pages();
@@ -242,6 +272,7 @@ void versions_stick(bool on); // flashing does not change the reported versions
 // present in flash sets the versions the chip-info block reports.
 //   code   (flash 0):        "CODE", u16 fw_ver, u16 svn_rev       (LE)
 //   cx     (flash 118,784):  "CXDT", ..., u16 cx version at bytes 20-21
+//                             (reported as cx_cfg_ver)
 //   config (flash 126,976):  "CNFG", u16 cfg_ver, u16 cfg_id, u8 afe_ver_cfg
 // The firmware image in data/ carries the same headers at the start of its
 // sections.

@@ -63,7 +63,6 @@ TEST_F(FrameTest, DeliversFramesWithTheDriversCaptureTime) {
   EXPECT_EQ(first.timestamp_usec, req->timestamp[1]);
   EXPECT_GT(capture_us(first), 0);
   EXPECT_EQ(log_frame_timestamp_ms.load(), capture_us(first) / 1000);
-  EXPECT_TRUE(android_errors().empty());
 
   ASSERT_EQ(kvr_afe_get_frame(), &frame_data);
   EXPECT_GT(capture_us(frame_data), capture_us(first));

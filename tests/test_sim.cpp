@@ -141,21 +141,21 @@ TEST(SimCrc, MatchesBoostCrcForEveryTailLength) {
 }
 
 TEST(SimCrc, BuiltFrameCarriesItsLayoutAndCrc) {
-  sim::frame_spec spec;
-  spec.counter = 0x1234;
-  spec.index = 77;
-  spec.fw_counter = 0x0F0E;
-  spec.scan_mode = 2;
-  spec.rate_code = 0x3F;
-  spec.freq_khz = 145;
-  spec.noise_level = 9;
-  spec.stddev[2] = 0xBEEF;
-  spec.mutual.assign(16 * 34, 0);
-  spec.mutual[0] = -100;
-  spec.mutual[16 * 34 - 1] = 300;
-  spec.self_force.assign(16, 5);
-  spec.self_sense.assign(34, -7);
-  const bytes f = sim::build_frame(spec);
+  sim::frame_spec fields;
+  fields.counter = 0x1234;
+  fields.index = 77;
+  fields.fw_counter = 0x0F0E;
+  fields.scan_mode = 2;
+  fields.rate_code = 0x3F;
+  fields.freq_khz = 145;
+  fields.noise_level = 9;
+  fields.stddev[2] = 0xBEEF;
+  fields.mutual.assign(16 * 34, 0);
+  fields.mutual[0] = -100;
+  fields.mutual[16 * 34 - 1] = 300;
+  fields.self_force.assign(16, 5);
+  fields.self_sense.assign(34, -7);
+  const bytes f = sim::build_frame(fields);
 
   ASSERT_EQ(f.size(), 1254u);
   EXPECT_EQ(f[0], 0xA5);

@@ -10,7 +10,9 @@
 
 namespace {
 
-void print_log_line(const char *line) { std::fputs(line, stderr); }
+void print_log_line(const char *line) {
+  std::fputs(line, stderr);
+}
 
 // Opens, starts, reads the identity, stops and closes the library.
 int run_demo(bool use_sim, int log_level) {

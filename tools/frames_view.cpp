@@ -155,8 +155,8 @@ void print_summary(const frame_stats &stats, bool fps, double wall_seconds) {
   const double scan_rate =
       stats.frames >= 2 && span > 0 ? static_cast<double>(stats.frames - 1) * 1e6 / span : 0.0;
   const double delivered = wall_seconds > 0 ? static_cast<double>(stats.frames) / wall_seconds : 0;
-  std::printf("frame rate %.1f fps by capture time, %.1f frames/s delivered in %.2f s\n",
-              scan_rate, delivered, wall_seconds);
+  std::printf("frame rate %.1f fps by capture time, %.1f frames/s delivered in %.2f s\n", scan_rate,
+              delivered, wall_seconds);
 }
 
 // Stops and closes whatever the run opened; the library ends CLOSED.

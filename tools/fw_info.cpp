@@ -23,13 +23,16 @@ constexpr uint32_t kFlashBytes = sim::kFlashSize;
 constexpr int kExitOk = 0;
 constexpr int kExitIoError = 1;
 constexpr int kExitRejected = 2;
+constexpr int kExitWarnings = 3;
 
 uint32_t le32(const uint8_t *p) {
   return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
          (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
 }
 
-char printable(uint8_t c) { return c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '.'; }
+char printable(uint8_t c) {
+  return c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '.';
+}
 
 // The first four bytes of a section as text (each section starts with a
 // small header of its own).
@@ -89,7 +92,8 @@ void print_header(std::span<const uint8_t> image, const fw_file_info &info) {
   std::printf("\n");
 }
 
-void print_sections(std::span<const uint8_t> image, const fw_file_info &info) {
+// Returns the number of warnings printed.
+int print_sections(std::span<const uint8_t> image, const fw_file_info &info) {
   struct section {
     const char *name;
     const uint8_t *data;
@@ -100,6 +104,7 @@ void print_sections(std::span<const uint8_t> image, const fw_file_info &info) {
                               {"cx", info.cx_data, info.cx_size}};
   std::printf("\nsections\n");
   uint64_t offset = FW_HEADER_SIZE;
+  int warnings = 0;
   for (const section &s : sections) {
     std::printf("  %-7s offset %6llu  %6u bytes", s.name, static_cast<unsigned long long>(offset),
                 s.size);
@@ -107,6 +112,7 @@ void print_sections(std::span<const uint8_t> image, const fw_file_info &info) {
       std::printf("  starts \"%s\"", section_tag(s.data, s.size).c_str());
     }
     if (s.size % 4 != 0) {
+      ++warnings;
       std::printf("  (not whole words: the last %u bytes are never programmed)", s.size % 4);
     }
     std::printf("\n");
@@ -114,9 +120,11 @@ void print_sections(std::span<const uint8_t> image, const fw_file_info &info) {
   }
   std::printf("  %llu bytes after the sections, image %zu bytes\n",
               static_cast<unsigned long long>(image.size() - offset), image.size());
+  return warnings;
 }
 
-void print_flash_map(std::span<const uint8_t> image, const fw_file_info &info) {
+// Returns the number of warnings printed.
+int print_flash_map(std::span<const uint8_t> image, const fw_file_info &info) {
   const uint8_t *geometry = image.data() + FW_GEOMETRY_OFFSET;
   std::printf("\nflash geometry bytes %02X %02X %02X %02X (pages of %u bytes; 00 = default)\n",
               geometry[0], geometry[1], geometry[2], geometry[3], FLASH_PAGE_SIZE);
@@ -125,17 +133,21 @@ void print_flash_map(std::span<const uint8_t> image, const fw_file_info &info) {
   fw_format_flash_map(info, text.data(), text.size());
   std::fputs(text.data(), stdout);
 
+  int warnings = 0;
   for (const fw_flash_area &area : fw_describe_flash_map(info)) {
     if (!area.fits) {
+      ++warnings;
       std::printf("warning: the %s section (%u bytes) is larger than its %u pages\n", area.name,
                   area.length, area.pages);
     }
     const uint64_t end = static_cast<uint64_t>(area.first_page + area.pages) * FLASH_PAGE_SIZE;
     if (end > kFlashBytes) {
+      ++warnings;
       std::printf("warning: the %s area ends at byte %llu, past the %u-byte flash\n", area.name,
                   static_cast<unsigned long long>(end), kFlashBytes);
     }
   }
+  return warnings;
 }
 
 } // namespace
@@ -171,15 +183,15 @@ int run_fw_info(const fw_info_options &options) {
     return kExitRejected;
   }
   print_header(image, info);
-  print_sections(image, info);
-  print_flash_map(image, info);
+  int warnings = print_sections(image, info);
+  warnings += print_flash_map(image, info);
   clean_fw_file_info(&info);
 
   if (options.sim_update) {
     std::printf("\n");
     return run_sim_update(options);
   }
-  return kExitOk;
+  return warnings == 0 ? kExitOk : kExitWarnings;
 }
 
 } // namespace tool

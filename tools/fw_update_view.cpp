@@ -1,7 +1,7 @@
 // `afehal-tool fw-info --sim-update`: the library's firmware update on a
 // simulated chip that holds older firmware, with a progress bar fed from the
-// library's own log lines ("Erasing page: %d" per erased page, "Flash dma
-// done in ..." per programmed chunk) and the versions before and after.
+// library's own log lines ("Flash erase done in ..." per erased page, "Flash
+// dma done in ..." per programmed chunk) and the versions before and after.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -43,7 +43,9 @@ bool starts_with(std::string_view text, std::string_view prefix) {
 }
 
 // The section is rewritten when the chip reports 0 or another version.
-bool differs(uint16_t chip, uint16_t file) { return chip == 0 || chip != file; }
+bool differs(uint16_t chip, uint16_t file) {
+  return chip == 0 || chip != file;
+}
 
 void plan_steps(update_progress &p) {
   const bool code = differs(p.chip[0], p.file[0]);
@@ -67,7 +69,7 @@ void draw_bar(update_progress &p) {
   }
   const uint32_t done = p.done_steps < p.total_steps ? p.done_steps : p.total_steps;
   const int percent = static_cast<int>(done * 100 / p.total_steps);
-  if (!p.terminal && percent / 10 == p.last_percent / 10) {
+  if (!p.terminal && p.last_percent >= 0 && percent / 10 == p.last_percent / 10) {
     return; // into a pipe: one line per tenth
   }
   p.last_percent = percent;
@@ -112,7 +114,13 @@ void update_log_sink(const char *line) {
     draw_bar(p);
     return;
   }
-  if (starts_with(message, "Erasing page: ") || starts_with(message, "Flash dma done in ")) {
+  // A page counts when its erase has finished, a chunk when its DMA has.
+  if (starts_with(message, "Erasing page: ")) {
+    p.phase = std::string(message);
+    draw_bar(p);
+    return;
+  }
+  if (starts_with(message, "Flash erase done in ") || starts_with(message, "Flash dma done in ")) {
     ++p.done_steps;
     draw_bar(p);
     return;
@@ -172,8 +180,8 @@ int run_sim_update(const fw_info_options &options) {
   }
   kvr_afe_set_log_level(0);
 
-  std::printf("update  %s\n", g_progress.outcome.empty() ? "(no outcome logged)"
-                                                         : g_progress.outcome.c_str());
+  std::printf("update  %s\n",
+              g_progress.outcome.empty() ? "(no outcome logged)" : g_progress.outcome.c_str());
   const std::vector<int> pages = sim::erased_pages();
   const std::vector<sim::dma_record> dmas = sim::dma_transfers();
   std::printf("flash   %zu pages erased, %zu DMA transfers", pages.size(), dmas.size());

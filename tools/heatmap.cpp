@@ -15,14 +15,16 @@ namespace {
 constexpr int32_t kZeroSignal = 0x8000;
 
 // Dark blue through cyan and green to yellow and red (xterm 256 colours).
-constexpr std::array<int, 16> kColourRamp = {16, 17, 18, 19, 20, 26, 32, 38,
+constexpr std::array<int, 16> kColourRamp = {16, 17, 18, 19,  20,  26,  32,  38,
                                              44, 43, 42, 154, 190, 220, 208, 196};
 // Signal well below the baseline (a pulled-down node).
 constexpr int kNegativeColour = 53;
 constexpr std::string_view kCharRamp = " .:-=+*#%@";
 constexpr char kNegativeChar = '~';
 
-int32_t signal_of(uint16_t value) { return static_cast<int32_t>(value) - kZeroSignal; }
+int32_t signal_of(uint16_t value) {
+  return static_cast<int32_t>(value) - kZeroSignal;
+}
 
 // Position of a signal on a ramp of n steps; -1 for a clearly negative one.
 int ramp_step(int32_t signal, int32_t full_scale, int n) {
@@ -47,9 +49,13 @@ std::string render_heatmap(std::span<const uint16_t> mutual, uint32_t force, uin
   }
   const int32_t full_scale = std::max(std::max(style.min_full_scale, peak), 1);
 
-  out.reserve(static_cast<size_t>(sense) * (force * (style.colour ? 14 : 2) + 8));
+  out.reserve(static_cast<size_t>(sense) * (force * (style.colour ? 14 : 2) + 8) + 80);
+  char header[96];
+  std::snprintf(header, sizeof header, "   rows: sense 0-%u, columns: force 0-%u, full scale %d\n",
+                sense - 1, force - 1, full_scale);
+  out += header;
   for (uint32_t o = 0; o < sense; ++o) {
-    char label[8];
+    char label[16];
     std::snprintf(label, sizeof label, "%2u ", o);
     out += label;
     int last_colour = -2;
@@ -84,12 +90,9 @@ std::string status_names(uint32_t status) {
   static constexpr struct {
     uint32_t bit;
     const char *name;
-  } kBits[] = {{KVR_AFE_STATUS_IDLE, "IDLE"},
-               {KVR_AFE_STATUS_ACTIVE, "ACTIVE"},
-               {KVR_AFE_STATUS_SHIFT_DONE, "SHIFT"},
-               {KVR_AFE_STATUS_CALIBRATION_DONE, "CALIB"},
-               {KVR_AFE_STATUS_SOS, "SOS"},
-               {KVR_AFE_STATUS_RECAL_REQUEST, "RECAL"}};
+  } kBits[] = {{KVR_AFE_STATUS_IDLE, "IDLE"},        {KVR_AFE_STATUS_ACTIVE, "ACTIVE"},
+               {KVR_AFE_STATUS_SHIFT_DONE, "SHIFT"}, {KVR_AFE_STATUS_CALIBRATION_DONE, "CALIB"},
+               {KVR_AFE_STATUS_SOS, "SOS"},          {KVR_AFE_STATUS_RECAL_REQUEST, "RECAL"}};
   std::string out;
   uint32_t rest = status;
   for (const auto &b : kBits) {

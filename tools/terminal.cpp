@@ -13,11 +13,15 @@ namespace {
 
 volatile std::sig_atomic_t g_stop = 0;
 
-void on_stop_signal(int) { g_stop = 1; }
+void on_stop_signal(int) {
+  g_stop = 1;
+}
 
 } // namespace
 
-bool stdout_is_terminal() { return isatty(STDOUT_FILENO) == 1; }
+bool stdout_is_terminal() {
+  return isatty(STDOUT_FILENO) == 1;
+}
 
 bool colour_wanted() {
   const char *no_colour = std::getenv("NO_COLOR");
@@ -36,7 +40,9 @@ void install_stop_handler() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool stop_requested() { return g_stop != 0; }
+bool stop_requested() {
+  return g_stop != 0;
+}
 
 clock_choice parse_clock(const std::string &text) {
   if (text == "auto") {

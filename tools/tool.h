@@ -57,8 +57,9 @@ struct heatmap_style {
   int32_t min_full_scale = 256;
 };
 // Mutual data is sense-major: rows o = 0..sense-1, each holding force values
-// i = 0..force-1 at index o * force + i. One text line per row, two
-// characters per cell; values are offset binary (0x8000 = no signal).
+// i = 0..force-1 at index o * force + i. A header line, then one text line
+// per row, two characters per cell; values are offset binary (0x8000 = no
+// signal).
 std::string render_heatmap(std::span<const uint16_t> mutual, uint32_t force, uint32_t sense,
                            const heatmap_style &style);
 // Names of the set status bits, e.g. "ACTIVE|SHIFT"; "-" when none.

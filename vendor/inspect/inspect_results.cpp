@@ -48,7 +48,7 @@ uint32_t vendor_afe_inspect() {
     return INSPECT_FAIL_CX;
   }
   fill_default_grid_and_line();
-  // The SRAM, ITO, noise and CX tests are not part of this build: the run
+  // The SRAM, ITO, noise and CX tests are not in this build yet: the run
   // cannot start. Give the host interrupt back so that frames flow again.
   log_error(__func__, "Production tests are not available in this build");
   ioctrl_set_irq(1);
