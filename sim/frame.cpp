@@ -16,7 +16,7 @@ void put_values(uint8_t *at, const std::vector<int16_t> &values, size_t count) {
 
 } // namespace
 
-std::vector<uint8_t> build_frame(const frame_spec &fields) {
+std::vector<uint8_t> build_frame(const frame_fields &fields) {
   using detail::put_le16;
   const size_t f = fields.force;
   const size_t s = fields.sense;

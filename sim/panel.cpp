@@ -87,7 +87,7 @@ void produce_frame(int64_t stamp_us) {
     return; // scanned, counted, never delivered
   }
 
-  frame_spec fields;
+  frame_fields fields;
   fields.counter = g_panel.counter;
   fields.index = g_panel.index;
   fields.fw_counter = g_panel.fw_counter;

@@ -221,7 +221,7 @@ uint32_t frame_crc(const uint8_t *frame, size_t length);
 
 // Builds one frame exactly as the IC sends it (for tests that feed the
 // parser directly).
-struct frame_spec {
+struct frame_fields {
   uint16_t counter = 1;
   uint16_t index = 1;
   uint16_t fw_counter = 1;
@@ -238,7 +238,7 @@ struct frame_spec {
 };
 // Short value vectors are padded with zeros; the frame is
 // 64 + 2(F*S + F + S) + 2 bytes, its CRC set over all but the trailer.
-std::vector<uint8_t> build_frame(const frame_spec &fields);
+std::vector<uint8_t> build_frame(const frame_fields &fields);
 
 // ---- Flash ----------------------------------------------------------------
 

@@ -48,8 +48,8 @@ void put16(std::vector<uint8_t> &bytes, size_t offset, uint16_t value) {
 }
 
 // A frame of this panel with all raw values zero.
-sim::frame_spec zero_frame(uint16_t index = 1) {
-  sim::frame_spec desc;
+sim::frame_fields zero_frame(uint16_t index = 1) {
+  sim::frame_fields desc;
   desc.counter = index;
   desc.index = index;
   desc.fw_counter = index;
@@ -60,7 +60,7 @@ sim::frame_spec zero_frame(uint16_t index = 1) {
 }
 
 // The raw mutual value of force row f and sense column s.
-int16_t &node(sim::frame_spec &desc, uint32_t f, uint32_t s) {
+int16_t &node(sim::frame_fields &desc, uint32_t f, uint32_t s) {
   return desc.mutual[f * kS + s];
 }
 
@@ -93,11 +93,11 @@ protected:
     std::memcpy(req->buf, bytes.data(), std::min<size_t>(bytes.size(), FRAME_BUFFER_SIZE));
     return vendor_parse_ioctrl_frame(req, &record_);
   }
-  bool parse(const sim::frame_spec &desc) { return parse(sim::build_frame(desc)); }
+  bool parse(const sim::frame_fields &desc) { return parse(sim::build_frame(desc)); }
 
   // A 120 Hz frame at the current working point (160 kHz, 120 Hz).
-  sim::frame_spec steady_frame(uint16_t index) {
-    sim::frame_spec desc = zero_frame(index);
+  sim::frame_fields steady_frame(uint16_t index) {
+    sim::frame_fields desc = zero_frame(index);
     desc.freq_khz = 160;
     desc.rate_code = 0x40;
     return desc;
@@ -148,7 +148,7 @@ TEST(FrameCrc, TableIsMsbFirstAndARebuildRepairsIt) {
 }
 
 TEST_F(FrameParseTest, SimulatorFramesCarryTheChecksumTheParserComputes) {
-  sim::frame_spec desc = zero_frame(3);
+  sim::frame_fields desc = zero_frame(3);
   for (size_t i = 0; i < desc.mutual.size(); ++i) {
     desc.mutual[i] = static_cast<int16_t>(i * 53 - 9000);
   }
@@ -164,7 +164,7 @@ TEST_F(FrameParseTest, SimulatorFramesCarryTheChecksumTheParserComputes) {
 // ---- Conversion -------------------------------------------------------------
 
 TEST_F(FrameParseTest, MutualDataIsTransposedReversedAndGainCorrected) {
-  sim::frame_spec desc = zero_frame();
+  sim::frame_fields desc = zero_frame();
   node(desc, 0, 0) = -100;   // gain 1.0 corner
   node(desc, 15, 33) = 1533; // gain 1.0 corner
   node(desc, 0, 33) = 33;    // gain 1.0 corner
@@ -191,7 +191,7 @@ TEST_F(FrameParseTest, MutualDataIsTransposedReversedAndGainCorrected) {
 }
 
 TEST_F(FrameParseTest, SelfDataKeepsForceThenSenseEachReversed) {
-  sim::frame_spec desc = zero_frame();
+  sim::frame_fields desc = zero_frame();
   for (uint32_t r = 0; r < kF; ++r) {
     desc.self_force[r] = static_cast<int16_t>(10 + r);
   }
@@ -213,7 +213,7 @@ TEST_F(FrameParseTest, SelfDataKeepsForceThenSenseEachReversed) {
 TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
   // 2 x 3 channels: the checksummed body is 86 bytes, 66 from byte 20, so
   // the last word is padded.
-  sim::frame_spec desc;
+  sim::frame_fields desc;
   desc.force = 2;
   desc.sense = 3;
   desc.mutual = {1, 2, 3, 4, 5, 6};
@@ -232,7 +232,7 @@ TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
 // ---- Header fields and status -----------------------------------------------
 
 TEST_F(FrameParseTest, HeaderFieldsAndScanModeStatus) {
-  sim::frame_spec desc = zero_frame(42);
+  sim::frame_fields desc = zero_frame(42);
   desc.freq_khz = 200;
   desc.rate_code = 0x3F;
   desc.scan_mode = 4;
@@ -379,7 +379,7 @@ TEST_F(FrameParseTest, AFrameMustFitTheAreaItWasReceivedIn) {
 // ---- Loss accounting --------------------------------------------------------
 
 TEST_F(FrameParseTest, GapsInTheFrameIndexAreReportedWithFirmwareDrops) {
-  sim::frame_spec desc = steady_frame(1);
+  sim::frame_fields desc = steady_frame(1);
   ASSERT_TRUE(parse(desc)); // the first frame after load compares with 0
   EXPECT_FALSE(logged("Frame missing: drop 0 frames, FW drops 1 frames"));
   desc = steady_frame(7);
@@ -423,7 +423,7 @@ TEST_F(FrameParseTest, UnrequestedChangesAreTrackedPerAxis) {
   ASSERT_TRUE(parse(steady_frame(1)));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
 
-  sim::frame_spec desc = steady_frame(1);
+  sim::frame_fields desc = steady_frame(1);
   desc.freq_khz = 240;
   ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
@@ -453,7 +453,7 @@ TEST_F(FrameParseTest, UnrequestedChangesAreTrackedPerAxis) {
 TEST_F(FrameParseTest, ARequestForBothAxesCompletesOnlyWhenBothArrive) {
   work_parm_request[WP_FREQ_INDEX].store(1);
   work_parm_request[WP_RATE_INDEX].store(1);
-  sim::frame_spec desc = steady_frame(1);
+  sim::frame_fields desc = steady_frame(1);
   desc.freq_khz = 200; // frequency arrived, rate not yet
   ASSERT_TRUE(parse(desc));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
@@ -481,7 +481,7 @@ TEST_F(FrameParseTest, APendingFrequencyRequestIsReportedUntilAcknowledged) {
   ASSERT_TRUE(parse(steady_frame(1)));
   EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
 
-  sim::frame_spec desc = steady_frame(2);
+  sim::frame_fields desc = steady_frame(2);
   desc.freq_khz = 200;
   ASSERT_TRUE(parse(desc));
   EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);

@@ -141,7 +141,7 @@ TEST(SimCrc, MatchesBoostCrcForEveryTailLength) {
 }
 
 TEST(SimCrc, BuiltFrameCarriesItsLayoutAndCrc) {
-  sim::frame_spec fields;
+  sim::frame_fields fields;
   fields.counter = 0x1234;
   fields.index = 77;
   fields.fw_counter = 0x0F0E;
