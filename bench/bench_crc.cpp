@@ -29,17 +29,17 @@ uint32_t le32(const uint8_t *p) {
 }
 
 crc_input make_input() {
-  sim::frame_spec spec;
-  spec.force = PANEL_FORCE;
-  spec.sense = PANEL_SENSE;
-  spec.mutual.resize(size_t{PANEL_FORCE} * PANEL_SENSE);
-  for (size_t i = 0; i < spec.mutual.size(); ++i) {
-    spec.mutual[i] = static_cast<int16_t>((i * 2654435761u) >> 20);
+  sim::frame_fields fields;
+  fields.force = PANEL_FORCE;
+  fields.sense = PANEL_SENSE;
+  fields.mutual.resize(size_t{PANEL_FORCE} * PANEL_SENSE);
+  for (size_t i = 0; i < fields.mutual.size(); ++i) {
+    fields.mutual[i] = static_cast<int16_t>((i * 2654435761u) >> 20);
   }
-  spec.self_force.assign(PANEL_FORCE, 1234);
-  spec.self_sense.assign(PANEL_SENSE, -4321);
+  fields.self_force.assign(PANEL_FORCE, 1234);
+  fields.self_sense.assign(PANEL_SENSE, -4321);
   crc_input in;
-  in.frame = sim::build_frame(spec);
+  in.frame = sim::build_frame(fields);
   in.length = static_cast<uint32_t>(in.frame.size() - 2);
   in.covered = in.length - CRC_START;
   in.expected = le32(in.frame.data() + 4);

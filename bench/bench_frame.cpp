@@ -68,14 +68,14 @@ BENCHMARK(BM_ParseConvertFrameSimAndroidLog);
 // The mutual-data conversion alone (gain, transpose, reversal) over the
 // same frame, through frame_process with the mutual gain table.
 void BM_ConvertMutualOnly(benchmark::State &state) {
-  sim::frame_spec spec;
-  spec.force = PANEL_FORCE;
-  spec.sense = PANEL_SENSE;
-  spec.mutual.assign(size_t{PANEL_FORCE} * PANEL_SENSE, 0);
-  for (size_t i = 0; i < spec.mutual.size(); ++i) {
-    spec.mutual[i] = static_cast<int16_t>(static_cast<int>(i % 97) * 9 - 400);
+  sim::frame_fields fields;
+  fields.force = PANEL_FORCE;
+  fields.sense = PANEL_SENSE;
+  fields.mutual.assign(size_t{PANEL_FORCE} * PANEL_SENSE, 0);
+  for (size_t i = 0; i < fields.mutual.size(); ++i) {
+    fields.mutual[i] = static_cast<int16_t>(static_cast<int>(i % 97) * 9 - 400);
   }
-  const std::vector<uint8_t> frame = sim::build_frame(spec);
+  const std::vector<uint8_t> frame = sim::build_frame(fields);
   static uint16_t out[FRAME_MUTUAL_CAPACITY];
   for (auto _ : state) {
     benchmark::DoNotOptimize(frame.data());

@@ -46,26 +46,26 @@ void stop_on_simulator() {
 }
 
 std::vector<uint8_t> steady_state_frame(const kvr_hw_cap &cap) {
-  sim::frame_spec spec;
-  spec.force = PANEL_FORCE;
-  spec.sense = PANEL_SENSE;
-  spec.scan_mode = 4; // active
+  sim::frame_fields fields;
+  fields.force = PANEL_FORCE;
+  fields.sense = PANEL_SENSE;
+  fields.scan_mode = 4; // active
   // The first entries of the capability lists are the working point after
   // start, so the frame shows no shift.
-  spec.freq_khz = cap.freq_count > 0 && cap.freq_list != nullptr ? cap.freq_list[0] : 0;
-  spec.rate_code =
+  fields.freq_khz = cap.freq_count > 0 && cap.freq_list != nullptr ? cap.freq_list[0] : 0;
+  fields.rate_code =
       cap.rate_count > 0 && cap.rate_list != nullptr && cap.rate_list[0] == 180 ? 0x00 : 0x40;
-  spec.mutual.resize(size_t{PANEL_FORCE} * PANEL_SENSE);
+  fields.mutual.resize(size_t{PANEL_FORCE} * PANEL_SENSE);
   for (size_t f = 0; f < PANEL_FORCE; ++f) {
     for (size_t s = 0; s < PANEL_SENSE; ++s) {
       const double d2 = (f - 6.0) * (f - 6.0) + (s - 20.0) * (s - 20.0);
-      spec.mutual[f * PANEL_SENSE + s] = static_cast<int16_t>(
+      fields.mutual[f * PANEL_SENSE + s] = static_cast<int16_t>(
           900.0 * std::exp(-d2 / 2.0) + static_cast<double>((f * 7 + s * 3) % 11) - 5.0);
     }
   }
-  spec.self_force.assign(PANEL_FORCE, 40);
-  spec.self_sense.assign(PANEL_SENSE, -12);
-  return sim::build_frame(spec);
+  fields.self_force.assign(PANEL_FORCE, 40);
+  fields.self_sense.assign(PANEL_SENSE, -12);
+  return sim::build_frame(fields);
 }
 
 } // namespace bench

@@ -7,6 +7,6 @@ scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build --target afehal-tool
 if [ $# -eq 0 ]; then
-  set -- demo --sim
+  set -- frames --sim --count 120
 fi
 exec build/tools/afehal-tool "$@"

@@ -77,6 +77,7 @@ TEST_F(CommandQueueTest, FailedCommandIsRedoneOnTheNextPass) {
 
 TEST_F(CommandQueueTest, CalibrationCancelsThePassAndForgetsParameters) {
   hw_cap.calibration_enable = 1;
+  publish_hw_cap(hw_cap);
   ASSERT_EQ(kvr_afe_set_idle_touch_threshold(30), 0u);
   ASSERT_EQ(kvr_afe_set_idle_touch_threshold(30), 0u);
   EXPECT_TRUE(logged("cmd_add_idle_threshold", "expec: 30 existing: 30"));
@@ -103,6 +104,7 @@ TEST_F(CommandQueueTest, CalibrationCancelsThePassAndForgetsParameters) {
 
 TEST_F(CommandQueueTest, CalibrationIsHeldUntilStatusEightIsCleared) {
   hw_cap.calibration_enable = 1;
+  publish_hw_cap(hw_cap);
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
   EXPECT_EQ(full_pass(), commands{kCalibration}); // queued once

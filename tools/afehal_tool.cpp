@@ -79,6 +79,14 @@ int main(int argc, char **argv) {
       ->add_option("--every", frames_opts.every,
                    "when not on a terminal: print every Nth frame (default 60)")
       ->check(CLI::PositiveNumber);
+  frames
+      ->add_option("--sim-drop", frames_opts.sim_drop,
+                   "simulator: N frames after the first are scanned but never delivered")
+      ->check(CLI::NonNegativeNumber);
+  frames
+      ->add_option("--sim-bad-crc", frames_opts.sim_bad_crc,
+                   "simulator: N frames after those arrive with a wrong CRC")
+      ->check(CLI::NonNegativeNumber);
   frames_opts.log_level = 0;
 
   tool::fw_info_options fw_opts;

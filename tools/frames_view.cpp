@@ -244,6 +244,12 @@ int run_frames(const frames_options &options) {
       continue;
     }
     account(stats, *frame);
+    if (session && stats.frames == 1) {
+      // Faults hit the frames right after the first one, so that they show
+      // as gaps in the index sequence.
+      sim::drop_frames(options.sim_drop);
+      sim::corrupt_crc(options.sim_bad_crc);
+    }
 
     const auto now = std::chrono::steady_clock::now();
     const bool print_now = terminal ? now - last_draw >= kRedrawInterval

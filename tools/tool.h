@@ -73,7 +73,9 @@ struct frames_options {
   bool fps = false;
   clock_choice clock = clock_choice::automatic;
   int log_level = 1;
-  int64_t every = 0; // frames between two heatmaps when not on a terminal; 0: default
+  int64_t every = 0;   // frames between two heatmaps when not on a terminal; 0: default
+  int sim_drop = 0;    // simulated frames the IC scans but never delivers
+  int sim_bad_crc = 0; // simulated frames delivered with a wrong CRC
 };
 int run_frames(const frames_options &options);
 

@@ -82,12 +82,6 @@ uint16_t to_output(float gain, int16_t raw) {
   return static_cast<uint16_t>(static_cast<uint16_t>(apply_gain(gain, raw)) ^ ZERO_SIGNAL);
 }
 
-// An entry of a capability list, or -1 when there is no such entry (which
-// then never equals a frame's value).
-int32_t list_value(const uint16_t *list, uint8_t count, uint32_t index) {
-  return (list != nullptr && index < count) ? list[index] : -1;
-}
-
 // Compares the frame's frequency and rate with the current and requested
 // working point; returns the shift-done bit when a change has taken effect.
 uint32_t track_shift(uint16_t freq, uint16_t rate) {
@@ -96,12 +90,12 @@ uint32_t track_shift(uint16_t freq, uint16_t rate) {
   const uint8_t cur_r = work_parm[WP_RATE_INDEX].load(std::memory_order_relaxed);
   const uint8_t req_f = work_parm_request[WP_FREQ_INDEX].load(std::memory_order_relaxed);
   const uint8_t req_r = work_parm_request[WP_RATE_INDEX].load(std::memory_order_relaxed);
-  const uint8_t nf = hw_cap.freq_count;
-  const uint8_t nr = hw_cap.rate_count;
-  const int32_t cur_freq = list_value(hw_cap.freq_list, nf, cur_f);
-  const int32_t cur_rate = list_value(hw_cap.rate_list, nr, cur_r);
-  const int32_t req_freq = list_value(hw_cap.freq_list, nf, req_f);
-  const int32_t req_rate = list_value(hw_cap.rate_list, nr, req_r);
+  const uint8_t nf = cap_freq_count();
+  const uint8_t nr = cap_rate_count();
+  const int32_t cur_freq = cap_freq(cur_f);
+  const int32_t cur_rate = cap_rate(cur_r);
+  const int32_t req_freq = cap_freq(req_f);
+  const int32_t req_rate = cap_rate(req_r);
   uint32_t status = 0;
 
   if (req_f < nf && req_r < nr) {

@@ -29,7 +29,7 @@ bool vendor_force_freq_point(uint32_t index) {
   const uint8_t current = work_parm[WP_FREQ_INDEX].load();
   const uint8_t requested = work_parm_request[WP_FREQ_INDEX].load();
   const bool auto_shift_disabled = work_parm[WP_AUTO_SHIFT_DISABLED].load() != 0;
-  const uint8_t count = hw_cap.freq_count;
+  const uint8_t count = cap_freq_count();
   log_error(tag,
             "current: %02X set: %02X expec: %02X, total %d frequencies, auto frequency shift is %s",
             current, requested, index, count, auto_shift_disabled ? "disabled" : "enabled");
@@ -61,7 +61,7 @@ bool vendor_force_scan_rate(uint32_t index) {
   log_error(tag, "current: %02X set: %02X expec: %02X", current, requested, rate);
 
   // Unlike the frequency, a rate that is already current is never re-sent.
-  if (rate == current || rate == requested || rate >= hw_cap.rate_count) {
+  if (rate == current || rate == requested || rate >= cap_rate_count()) {
     log_error(tag, "skip setting force scan rate");
     return true;
   }

@@ -38,14 +38,25 @@ constexpr uint32_t kScanClockHz = 32000000;
 
 constexpr int kStartFlushTries = 5;
 // The configuration encodes at most four scan frequencies.
-constexpr int32_t kMaxScanFreq = 4;
+constexpr int32_t kMaxScanFreq = MAX_SCAN_FREQ;
 
 char project_id[PROJECT_ID_LEN + 1] = "Q7429K0400";
 char vendor_name[kIdentityBufSize];
 char version_text[kIdentityBufSize];
 
 uint16_t scan_freq_list[kMaxScanFreq];
-uint16_t scan_rate_list[] = {120, 180};
+uint16_t scan_rate_list[SCAN_RATE_COUNT] = {120, 180};
+
+// The frame thread's copy of the lists and the calibration switch.
+std::atomic<uint8_t> published_freq_count{0};
+std::atomic<uint16_t> published_freqs[kMaxScanFreq];
+std::atomic<uint8_t> published_rate_count{0};
+std::atomic<uint16_t> published_rates[SCAN_RATE_COUNT];
+std::atomic<uint32_t> published_calibration_enable{0};
+
+int32_t published_entry(const std::atomic<uint16_t> *list, uint8_t count, uint32_t index) {
+  return index < count ? list[index].load(std::memory_order_relaxed) : -1;
+}
 
 void set_project(const char *project) {
   // At most ten characters are kept; a longer project name is cut.
@@ -149,6 +160,18 @@ const char *vendor_get_version() {
   return version_text;
 }
 
+void publish_hw_cap(const kvr_hw_cap &cap) {
+  for (int i = 0; i < kMaxScanFreq; ++i) {
+    published_freqs[i].store(i < cap.freq_count ? cap.freq_list[i] : 0, std::memory_order_relaxed);
+  }
+  for (int i = 0; i < SCAN_RATE_COUNT; ++i) {
+    published_rates[i].store(i < cap.rate_count ? cap.rate_list[i] : 0, std::memory_order_relaxed);
+  }
+  published_freq_count.store(cap.freq_count, std::memory_order_release);
+  published_rate_count.store(cap.rate_count, std::memory_order_release);
+  published_calibration_enable.store(cap.calibration_enable, std::memory_order_relaxed);
+}
+
 uint16_t *get_available_scan_freq(int32_t count) {
   constexpr const char *tag = "get_available_scan_freq";
   if (count < 0 || count > kMaxScanFreq) {
@@ -221,12 +244,13 @@ kvr_hw_cap *vendor_update_hw_cap() {
   hw_cap.word4 = 2;
   hw_cap.word5 = 1;
   hw_cap.qword1 = 0;
+  publish_hw_cap(hw_cap);
   return &hw_cap;
 }
 
 uint8_t get_scan_freq_index(uint16_t freq) {
-  for (uint8_t i = 0; hw_cap.freq_list != nullptr && i < hw_cap.freq_count; ++i) {
-    if (hw_cap.freq_list[i] == freq) {
+  for (uint8_t i = 0; i < cap_freq_count(); ++i) {
+    if (cap_freq(i) == freq) {
       return i;
     }
   }
@@ -234,12 +258,25 @@ uint8_t get_scan_freq_index(uint16_t freq) {
 }
 
 uint8_t get_scan_rate_index(uint8_t rate) {
-  for (uint8_t i = 0; hw_cap.rate_list != nullptr && i < hw_cap.rate_count; ++i) {
-    if (hw_cap.rate_list[i] == rate) {
+  for (uint8_t i = 0; i < cap_rate_count(); ++i) {
+    if (cap_rate(i) == rate) {
       return i;
     }
   }
   return 0;
+}
+
+uint8_t cap_freq_count() {
+  return published_freq_count.load(std::memory_order_acquire);
+}
+uint8_t cap_rate_count() {
+  return published_rate_count.load(std::memory_order_acquire);
+}
+int32_t cap_freq(uint32_t index) {
+  return published_entry(published_freqs, cap_freq_count(), index);
+}
+int32_t cap_rate(uint32_t index) {
+  return published_entry(published_rates, cap_rate_count(), index);
 }
 
 bool is_enable_rate_switch() {
@@ -252,7 +289,7 @@ bool is_enable_idle_mode() {
   return true;
 }
 bool is_enable_calibration() {
-  return hw_cap.calibration_enable != 0;
+  return published_calibration_enable.load(std::memory_order_relaxed) != 0;
 }
 bool is_enable_autotune() {
   return false;
@@ -287,6 +324,7 @@ void lifecycle_reset_state() {
   memset(version_text, 0, sizeof version_text);
   memset(scan_freq_list, 0, sizeof scan_freq_list);
   hw_cap = kvr_hw_cap{};
+  publish_hw_cap(hw_cap);
 }
 
 void vendor_reset_state() {
