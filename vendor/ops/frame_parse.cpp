@@ -4,6 +4,7 @@
 #include "vendor/ops/frame_parse.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "platform/ioctrl.h"
@@ -143,12 +144,23 @@ void count_lost_frames(uint32_t index, uint32_t fw_counter) {
 }
 
 // Mutual data: raw rows are force channels; the output is sense-major with
-// both axes reversed.
+// both axes reversed. The gain is applied in wire order first, a contiguous
+// pass the compiler can vectorise, and the result is then scattered into the
+// output orientation.
 void convert_mutual(const uint8_t *raw, uint32_t force, uint32_t sense) {
+  static_assert(std::endian::native == std::endian::little, "frames are little-endian");
+  const uint32_t nodes = force * sense;
+  int16_t values[FRAME_MUTUAL_CAPACITY];
+  uint16_t converted[FRAME_MUTUAL_CAPACITY];
+  memcpy(values, raw, sizeof(int16_t) * nodes);
+  for (uint32_t e = 0; e < nodes; ++e) {
+    converted[e] = to_output(gain_ms[e], values[e]);
+  }
   for (uint32_t o = 0; o < sense; ++o) {
+    const uint32_t column = sense - 1 - o;
+    uint16_t *out = mutual_out + o * force;
     for (uint32_t i = 0; i < force; ++i) {
-      const uint32_t e = (force - 1 - i) * sense + (sense - 1 - o);
-      mutual_out[o * force + i] = to_output(gain_ms[e], read_i16(raw + 2 * e));
+      out[i] = converted[(force - 1 - i) * sense + column];
     }
   }
 }
