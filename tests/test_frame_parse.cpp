@@ -4,210 +4,141 @@
 #include <boost/crc.hpp>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <iterator>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
 #include "vendor/ops/frame_parse.h"
 #include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
 #include "vendor/vendor.h"
 
 namespace {
 
+using bytes = std::vector<uint8_t>;
+using strings = std::vector<std::string>;
 constexpr uint32_t kF = PANEL_FORCE;
 constexpr uint32_t kS = PANEL_SENSE;
 constexpr uint32_t kFullBody = 64 + 2 * (kF * kS + kF + kS); // 1,252
 constexpr uint16_t kZero = 0x8000;
+constexpr uint32_t kShift = KVR_AFE_STATUS_SHIFT_DONE;
+constexpr uint8_t kNone = WORK_PARM_NO_REQUEST;
 
 // An independent CRC: Boost's generic table-driven CRC with the same
 // parameters, fed the bytes of each word in the order +3, +2, +1, +0.
-uint32_t reference_crc(const uint8_t *bytes, size_t length) {
+uint32_t reference_crc(const uint8_t *data, size_t length) {
   boost::crc_optimal<32, 0xE89061DB, 0, 0, false, false> crc;
   for (size_t group = 20; group < length; group += 4) {
     for (int k = 3; k >= 0; --k) {
-      crc.process_byte(group + k < length ? bytes[group + k] : 0);
+      crc.process_byte(group + k < length ? data[group + k] : 0);
     }
   }
   return crc.checksum();
 }
 
-uint32_t le32(const std::vector<uint8_t> &bytes, size_t offset) {
-  return bytes[offset] | (bytes[offset + 1] << 8) | (bytes[offset + 2] << 16) |
-         (static_cast<uint32_t>(bytes[offset + 3]) << 24);
-}
-
-void put16(std::vector<uint8_t> &bytes, size_t offset, uint16_t value) {
-  bytes[offset] = static_cast<uint8_t>(value);
-  bytes[offset + 1] = static_cast<uint8_t>(value >> 8);
-}
-
-// A frame of this panel with all raw values zero.
-sim::frame_fields zero_frame(uint16_t index = 1) {
+// A frame of this panel with all raw values zero, by default at the working
+// point the tests start from (160 kHz, rate code 0x40 = 120 Hz).
+sim::frame_fields frame(uint16_t index, uint16_t freq = 160, uint8_t rate_code = 0x40) {
   sim::frame_fields desc;
-  desc.counter = index;
-  desc.index = index;
-  desc.fw_counter = index;
+  desc.counter = desc.index = desc.fw_counter = index;
+  desc.freq_khz = freq;
+  desc.rate_code = rate_code;
   desc.mutual.assign(kF * kS, 0);
   desc.self_force.assign(kF, 0);
   desc.self_sense.assign(kS, 0);
   return desc;
 }
 
-// The raw mutual value of force row f and sense column s.
-int16_t &node(sim::frame_fields &desc, uint32_t f, uint32_t s) {
-  return desc.mutual[f * kS + s];
-}
-
-// Output position of raw node (f, s): sense-major, both axes reversed.
-size_t out_index(uint32_t f, uint32_t s) {
-  return (kS - 1 - s) * kF + (kF - 1 - f);
+// The logged messages that contain part.
+strings messages_with(const std::string &part) {
+  strings all = log_messages(), found;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(found),
+               [&](const std::string &msg) { return msg.find(part) != std::string::npos; });
+  return found;
 }
 
 class FrameParseTest : public SimTest {
 protected:
   void SetUp() override {
     SimTest::SetUp();
-    hw_cap.freq_list = freqs_;
-    hw_cap.freq_count = 3;
-    hw_cap.rate_list = rates_;
-    hw_cap.rate_count = 2;
-  }
-  void TearDown() override {
-    hw_cap.freq_list = nullptr;
-    hw_cap.freq_count = 0;
-    hw_cap.rate_list = nullptr;
-    hw_cap.rate_count = 0;
-    SimTest::TearDown();
+    uint16_t freqs[] = {160, 200, 240}, rates[] = {120, 180};
+    kvr_hw_cap cap{};
+    cap.freq_list = freqs;
+    cap.freq_count = 3;
+    cap.rate_list = rates;
+    cap.rate_count = 2;
+    publish_hw_cap(cap);
   }
 
-  // Puts the bytes into the receive area as the driver would and parses.
-  bool parse(const std::vector<uint8_t> &bytes) {
+  // Parses the bytes from the receive area, cut down to area bytes if given;
+  // the Android log then holds only what this frame reported.
+  bool parse(const bytes &data, uint32_t area = 0) {
+    sim::clear_recording();
     ioctrl_framedata *req = vendor_get_ioctrl_framedata();
-    std::fill(req->buf, req->buf + FRAME_BUFFER_SIZE, 0);
-    std::memcpy(req->buf, bytes.data(), std::min<size_t>(bytes.size(), FRAME_BUFFER_SIZE));
+    std::copy(data.begin(), data.end(), req->buf);
+    req->size = area != 0 ? area : req->size;
     return vendor_parse_ioctrl_frame(req, &record_);
   }
   bool parse(const sim::frame_fields &desc) { return parse(sim::build_frame(desc)); }
 
-  // A 120 Hz frame at the current working point (160 kHz, 120 Hz).
-  sim::frame_fields steady_frame(uint16_t index) {
-    sim::frame_fields desc = zero_frame(index);
-    desc.freq_khz = 160;
-    desc.rate_code = 0x40;
-    return desc;
-  }
-
-  uint16_t freqs_[3] = {160, 200, 240};
-  uint16_t rates_[2] = {120, 180};
   kvr_frame_data record_{};
 };
 
-// ---- Checksum ---------------------------------------------------------------
-
-TEST(FrameCrc, MatchesAnIndependentCrcForEveryTailLength) {
-  build_crc_table();
-  std::mt19937 rng(7);
-  std::vector<uint8_t> bytes(1300);
-  for (auto &b : bytes) {
-    b = static_cast<uint8_t>(rng());
-  }
-  // Lengths 21..24 and 1249..1252 cover every size of the padded last word.
-  for (uint32_t length : {21u, 22u, 23u, 24u, 25u, 36u, 37u, 99u, 1249u, 1250u, 1251u, 1252u}) {
-    EXPECT_EQ(calculate_crc(bytes.data(), length), reference_crc(bytes.data(), length))
-        << "length " << length;
-  }
-  // Nothing before byte 20 is covered.
-  EXPECT_EQ(calculate_crc(bytes.data(), 20), 0u);
-  const uint32_t before = calculate_crc(bytes.data(), 1252);
-  bytes[19] ^= 0xFF;
-  EXPECT_EQ(calculate_crc(bytes.data(), 1252), before);
-}
-
-TEST(FrameCrc, TableIsMsbFirstAndARebuildRepairsIt) {
-  build_crc_table();
-  EXPECT_EQ(crc_table[0], 0u);
-  EXPECT_EQ(crc_table[1], CRC_POLYNOMIAL);
-  EXPECT_EQ(crc_table[0x80], 0xC03BF443u);
-  EXPECT_EQ(crc_table[0xFF], 0x7FD2A782u);
-
-  std::vector<uint8_t> bytes(200);
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    bytes[i] = static_cast<uint8_t>(i * 37 + 11);
-  }
-  const uint32_t good = reference_crc(bytes.data(), bytes.size());
-  crc_table[0x5A] ^= 0x00010000;
+TEST(FrameCrc, MatchesAnIndependentCrcForEveryTailLengthAfterATableRebuild) {
+  crc_table[0x5A] ^= 0x00010000; // a damaged table is rebuilt, not kept
   crc_table[0xFF] = 0;
   build_crc_table();
-  EXPECT_EQ(calculate_crc(bytes.data(), static_cast<uint32_t>(bytes.size())), good);
-}
-
-TEST_F(FrameParseTest, SimulatorFramesCarryTheChecksumTheParserComputes) {
-  sim::frame_fields desc = zero_frame(3);
-  for (size_t i = 0; i < desc.mutual.size(); ++i) {
-    desc.mutual[i] = static_cast<int16_t>(i * 53 - 9000);
+  std::mt19937 rng(7);
+  bytes data(1300);
+  std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(rng()); });
+  // Nothing before byte 20 is covered; lengths 21..24 and 1249..1252 cover
+  // every size of the padded last word.
+  for (uint32_t length : {20u, 21u, 22u, 23u, 24u, 25u, 37u, 99u, 1249u, 1250u, 1251u, 1252u}) {
+    EXPECT_EQ(calculate_crc(data.data(), length), reference_crc(data.data(), length)) << length;
   }
-  const std::vector<uint8_t> bytes = sim::build_frame(desc);
-  ASSERT_EQ(bytes.size(), kFullBody + 2);
-  EXPECT_EQ(le32(bytes, 4), calculate_crc(bytes.data(), kFullBody));
-  EXPECT_EQ(sim::frame_crc(bytes.data(), kFullBody), calculate_crc(bytes.data(), kFullBody));
-  EXPECT_TRUE(parse(bytes));
-  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Frame 3 checksum OK"));
-  EXPECT_TRUE(logged("calculate_crc", "Buffer total length = 1252"));
 }
 
-// ---- Conversion -------------------------------------------------------------
-
-TEST_F(FrameParseTest, MutualDataIsTransposedReversedAndGainCorrected) {
-  sim::frame_fields desc = zero_frame();
-  node(desc, 0, 0) = -100;   // gain 1.0 corner
-  node(desc, 15, 33) = 1533; // gain 1.0 corner
-  node(desc, 0, 33) = 33;    // gain 1.0 corner
-  node(desc, 15, 0) = 1500;  // gain 1.0 corner
-  node(desc, 7, 33) = 733;   // gain 1.0
-  node(desc, 1, 1) = 101;    // gain 2.0776: 209.84 -> 209
-  node(desc, 1, 2) = -101;   // gain 2.0833: -210.41 -> -210 (toward zero)
-  node(desc, 0, 32) = 32767; // gain 2.7958: 91609, only the low 16 bits kept
-  ASSERT_TRUE(parse(desc));
-
-  EXPECT_EQ(record_.mutual[0], 1533 ^ kZero); // output starts at raw (15, 33)
-  EXPECT_EQ(record_.mutual[15], 33 ^ kZero);
-  EXPECT_EQ(record_.mutual[33 * kF], 1500 ^ kZero);
-  EXPECT_EQ(record_.mutual[33 * kF + 15], 0x7F9C); // raw (0, 0): -100
-  EXPECT_EQ(record_.mutual[out_index(0, 0)], 0x7F9C);
-  EXPECT_EQ(record_.mutual[out_index(7, 33)], 733 ^ kZero);
-  EXPECT_EQ(record_.mutual[out_index(1, 1)], 0x80D1);
-  EXPECT_EQ(record_.mutual[out_index(1, 2)], static_cast<uint16_t>(-210) ^ kZero);
-  EXPECT_EQ(record_.mutual[out_index(0, 32)], 0xE5D9);
-  // Everything else stayed at zero signal.
-  const size_t nonzero = static_cast<size_t>(std::count_if(record_.mutual, record_.mutual + kF * kS,
-                                                           [](uint16_t v) { return v != kZero; }));
-  EXPECT_EQ(nonzero, 8u);
-}
-
-TEST_F(FrameParseTest, SelfDataKeepsForceThenSenseEachReversed) {
-  sim::frame_fields desc = zero_frame();
-  for (uint32_t r = 0; r < kF; ++r) {
-    desc.self_force[r] = static_cast<int16_t>(10 + r);
+TEST_F(FrameParseTest, HeaderFieldsAndDataTransposedReversedAndGainCorrected) {
+  // A raw value and where it lands: gain x raw truncated toward zero, low 16
+  // bits, XOR 0x8000. Mutual output is sense-major with both axes reversed;
+  // self output is force then sense, each reversed.
+  using F = sim::frame_fields;
+  const std::tuple<std::vector<int16_t> F::*, uint32_t, int16_t, uint32_t, uint16_t> values[] = {
+      {&F::mutual, 15 * kS + 33, 1533, 0, 1533 ^ kZero}, // gain 1.0 corners
+      {&F::mutual, 15 * kS + 0, 1500, 33 * kF, 1500 ^ kZero},
+      {&F::mutual, 0 * kS + 0, -100, 33 * kF + 15, 0x7F9C},
+      {&F::mutual, 1 * kS + 1, 101, 32 * kF + 14, 0x80D1},  // gain 2.0776: 209.84 -> 209
+      {&F::mutual, 1 * kS + 2, -101, 31 * kF + 14, 0x7F2E}, // gain 2.0833: -210.41 -> -210
+      {&F::mutual, 0 * kS + 32, 32767, kF + 15, 0xE5D9},    // gain 2.7958: 91609, low 16 bits
+      {&F::self_force, 15, 25, 0, 25 ^ kZero},              // gain 1.0
+      {&F::self_force, 14, 24, 1, 22 ^ kZero},              // gain 0.938: 22.5
+      {&F::self_sense, 33, 1000, kF, 990 ^ kZero},          // gain 0.990
+      {&F::self_sense, 0, 300, kF + 33, 211 ^ kZero},       // gain 0.705: 211.5
+      {&F::self_sense, 5, -50, kF + 28, 0x7FDC},            // gain 0.729: -36.45 -> -36
+  };
+  sim::frame_fields desc = frame(42, 200, 0x3F);
+  for (auto [list, at, raw, pos, out] : values) {
+    (desc.*list)[at] = raw;
   }
-  desc.self_sense[0] = 300;   // gain 0.705: 211.5 -> 211
-  desc.self_sense[33] = 1000; // gain 0.990
-  desc.self_sense[5] = -50;   // gain 0.729: -36.45 -> -36
+  desc.noise_level = 9;
+  const uint16_t stddev[] = {1, 300, 65535, 4};
+  std::copy(stddev, stddev + 4, desc.stddev);
   ASSERT_TRUE(parse(desc));
-
-  EXPECT_EQ(record_.self[0], 25 ^ kZero);  // force 15, gain 1.0
-  EXPECT_EQ(record_.self[1], 22 ^ kZero);  // force 14: 0.938 x 24 = 22.5
-  EXPECT_EQ(record_.self[15], 10 ^ kZero); // force 0, gain 1.0
-  EXPECT_EQ(record_.self[kF + 0], 990 ^ kZero);
-  EXPECT_EQ(record_.self[kF + 33], 211 ^ kZero);
-  EXPECT_EQ(record_.self[kF + 28], static_cast<uint16_t>(-36) ^ kZero);
-  // Zero signal reads as the midpoint.
-  EXPECT_EQ(std::count(record_.self + kF, record_.self + kF + kS, kZero), 31);
+  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Frame 42 checksum OK"));
+  EXPECT_EQ(record_.frame_index, 42u);
+  EXPECT_EQ(record_.freq_khz, 200);
+  EXPECT_EQ(record_.rate_hz, 180);
+  EXPECT_TRUE(logged("Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: 4"));
+  EXPECT_TRUE(logged("Frame index: 42, size: 16 X 34, scan mode: 04, freq: 200KHz, rate: 180Hz"));
+  for (auto [list, at, raw, pos, out] : values) {
+    EXPECT_EQ((list == &F::mutual ? record_.mutual : record_.self)[pos], out) << raw;
+  }
+  EXPECT_EQ(std::count(record_.mutual, record_.mutual + kF * kS, kZero), kF * kS - 6);
+  EXPECT_EQ(std::count(record_.self, record_.self + kF + kS, kZero), kF + kS - 5);
 }
 
 TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
@@ -219,9 +150,7 @@ TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
   desc.mutual = {1, 2, 3, 4, 5, 6};
   desc.self_force = {7, 8};
   desc.self_sense = {9, 10, 11};
-  const std::vector<uint8_t> bytes = sim::build_frame(desc);
-  ASSERT_EQ(bytes.size(), 88u);
-  ASSERT_TRUE(parse(bytes));
+  ASSERT_TRUE(parse(desc));
   // Raw node index f*3 + s picks gain_ms[f*3 + s]; only index 0 is 1.0.
   EXPECT_EQ(record_.mutual[5], 1 ^ kZero);                                     // raw (0,0)
   EXPECT_EQ(record_.mutual[0], static_cast<uint16_t>(gain_ms[5] * 6) ^ kZero); // raw (1,2)
@@ -229,412 +158,188 @@ TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
   EXPECT_EQ(record_.self[2], static_cast<uint16_t>(gain_ss_sense[2] * 11) ^ kZero);
 }
 
-// ---- Header fields and status -----------------------------------------------
-
-TEST_F(FrameParseTest, HeaderFieldsAndScanModeStatus) {
-  sim::frame_fields desc = zero_frame(42);
-  desc.freq_khz = 200;
-  desc.rate_code = 0x3F;
-  desc.scan_mode = 4;
-  desc.noise_level = 9;
-  desc.stddev[0] = 1;
-  desc.stddev[1] = 300;
-  desc.stddev[2] = 65535;
-  desc.stddev[3] = 4;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.frame_index, 42u);
-  EXPECT_TRUE(logged("Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: 4"));
-  EXPECT_EQ(record_.freq_khz, 200);
-  EXPECT_EQ(record_.rate_hz, 180);
-  EXPECT_EQ(record_.status & 0x03u, static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE));
-  EXPECT_TRUE(logged("Active status: 00000002"));
-  EXPECT_TRUE(logged("Frame index: 42, size: 16 X 34, scan mode: 04, freq: 200KHz, rate: 180Hz"));
-
-  desc = zero_frame(43);
-  desc.rate_code = 0x40;
-  desc.scan_mode = 2;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.rate_hz, 120);
-  EXPECT_EQ(record_.status & 0x03u, static_cast<uint32_t>(KVR_AFE_STATUS_IDLE));
-  EXPECT_TRUE(logged("Idle status: 00000001"));
-
-  desc = zero_frame(44);
-  desc.scan_mode = 3;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.status & 0x03u, 0u);
-  EXPECT_TRUE(logged("None status: 00000000"));
-}
-
-TEST_F(FrameParseTest, CalibrationAndRecalRequestShowInTheStatus) {
-  calibration_done.store(1);
-  ASSERT_TRUE(parse(steady_frame(1)));
-  EXPECT_EQ(record_.status,
-            static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_CALIBRATION_DONE));
-  EXPECT_TRUE(logged("Calibration done status: 0000000A"));
-
-  recal_request.store(1);
-  ASSERT_TRUE(parse(steady_frame(2)));
-  EXPECT_EQ(record_.status,
-            static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_CALIBRATION_DONE |
-                                  KVR_AFE_STATUS_RECAL_REQUEST));
-  EXPECT_TRUE(logged("Recal request status: 0000008A"));
-
-  calibration_done.store(0);
-  ASSERT_TRUE(parse(steady_frame(3)));
-  EXPECT_EQ(record_.status,
-            static_cast<uint32_t>(KVR_AFE_STATUS_ACTIVE | KVR_AFE_STATUS_RECAL_REQUEST));
-}
-
-// ---- Rejections -------------------------------------------------------------
-
-TEST_F(FrameParseTest, BadTagIsRejectedAndLeavesTheRecordsDataAlone) {
-  ASSERT_TRUE(parse(zero_frame(1)));
-  uint16_t *mutual = record_.mutual;
-  record_.status = 0x1234;
-  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(2));
-  bytes[1] = 0x3B;
-  EXPECT_FALSE(parse(bytes));
-  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Invalid header information found A5 3B"));
-  EXPECT_EQ(android_errors().back(), "Invalid header information found A5 3B");
-  EXPECT_EQ(record_.mutual, mutual);
-  EXPECT_EQ(record_.status, 0x1234u);
-
-  bytes[0] = 0x00;
-  bytes[1] = 0x3A;
-  EXPECT_FALSE(parse(bytes));
-  EXPECT_TRUE(logged("Invalid header information found 00 3A"));
-}
-
-TEST_F(FrameParseTest, TrailerOneOffIsRejectedBeforeTheChecksum) {
-  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(5));
-  put16(bytes, kFullBody, 6);
-  clear_log();
-  EXPECT_FALSE(parse(bytes));
-  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Counter not matched: 5/6"));
-  EXPECT_EQ(android_errors().back(), "Counter not matched: 5/6");
-  EXPECT_FALSE(logged("calculate_crc", "Buffer total length = 1252"));
-  for (const std::string &msg : log_messages()) {
-    EXPECT_EQ(msg.find("checksum"), std::string::npos) << msg;
+TEST_F(FrameParseTest, ScanModeAndFlagsMakeTheStatusBits) {
+  // Idle 0x01, active 0x02, calibration done 0x08, recalibration request 0x80.
+  const std::tuple<uint8_t, uint8_t, uint8_t, uint32_t, std::string> cases[] = {
+      {4, 0, 0, 0x02, "Active status: 00000002"},
+      {2, 0, 0, 0x01, "Idle status: 00000001"},
+      {3, 0, 0, 0x00, "None status: 00000000"},
+      {4, 1, 0, 0x0A, "Calibration done status: 0000000A"},
+      {4, 0, 1, 0x82, "Recal request status: 00000082"},
+  };
+  for (const auto &[mode, calibrated, recal, status, log] : cases) {
+    sim::frame_fields desc = frame(43);
+    desc.scan_mode = mode;
+    calibration_done.store(calibrated);
+    recal_request.store(recal);
+    ASSERT_TRUE(parse(desc));
+    EXPECT_EQ(record_.status, status) << log; // at the working point: no shift
+    EXPECT_TRUE(logged(log));
   }
-  EXPECT_EQ(crc_error_count.load(), 0u);
 }
 
-TEST_F(FrameParseTest, ChecksumErrorsAreCountedAndReported) {
-  std::vector<uint8_t> bytes = sim::build_frame(zero_frame(9));
-  const uint32_t stored = le32(bytes, 4);
-  bytes[100] ^= 0x01;
-  const uint32_t computed = reference_crc(bytes.data(), kFullBody);
-  ASSERT_NE(stored, computed);
-  EXPECT_FALSE(parse(bytes));
+TEST_F(FrameParseTest, BadFramesAreRejectedBeforeTheChecksumAndLeaveTheRecordAlone) {
+  // Bytes written at an offset of a good frame 5, and the error reported.
+  const std::string panel = " (panel 16 X 34, area 3000 bytes)";
+  const std::tuple<size_t, bytes, std::string> cases[] = {
+      {0, {0xA5, 0x3B}, "Invalid header information found A5 3B"},
+      {0, {0x00, 0x3A}, "Invalid header information found 00 3A"},
+      {kFullBody, {6}, "Counter not matched: 5/6"}, // the trailer one off
+      {48, {34, 17}, "Impossible channel count: force 17, sense 34" + panel},
+      {48, {35, 16}, "Impossible channel count: force 16, sense 35" + panel},
+      {48, {255, 255}, "Impossible channel count: force 255, sense 255" + panel},
+      {48, {1, 40}, "Impossible channel count: force 40, sense 1" + panel},
+  };
+  const bytes good = sim::build_frame(frame(5));
+  // The area the driver filled must hold the whole frame; the next request
+  // lends the whole area again.
+  EXPECT_TRUE(parse(good, 1254));
+  EXPECT_FALSE(parse(good, 1253));
+  EXPECT_EQ(
+      android_errors(),
+      strings{"Impossible channel count: force 16, sense 34 (panel 16 X 34, area 1253 bytes)"});
+  EXPECT_FALSE(vendor_parse_ioctrl_frame(nullptr, &record_));
+  ASSERT_TRUE(parse(good));
+  uint16_t *mutual = record_.mutual;
+  for (const auto &[at, with, error] : cases) {
+    bytes data = good;
+    std::copy(with.begin(), with.end(), data.begin() + static_cast<long>(at));
+    record_.status = 0x1234;
+    clear_log();
+    EXPECT_FALSE(parse(data)) << error;
+    EXPECT_EQ(android_errors(), strings{error});
+    EXPECT_EQ(messages_with("checksum"), strings{});
+    EXPECT_EQ(record_.mutual, mutual);
+    EXPECT_EQ(record_.status, 0x1234u);
+  }
+}
+
+TEST_F(FrameParseTest, LossesAndChecksumErrorsAreCountedUntilAStateReset) {
+  // Frame index and firmware counter; the first frame after load compares
+  // with 0, and a repeated index is no loss either.
+  for (auto [index, fw_counter] : {std::pair{1, 1}, {7, 20}, {10, 23}, {11, 24}, {11, 25}}) {
+    sim::frame_fields desc = frame(static_cast<uint16_t>(index));
+    desc.fw_counter = static_cast<uint16_t>(fw_counter);
+    ASSERT_TRUE(parse(desc));
+  }
+
+  bytes data = sim::build_frame(frame(12));
+  const uint32_t stored = reference_crc(data.data(), kFullBody);
+  data[100] ^= 0x01;
+  const uint32_t computed = reference_crc(data.data(), kFullBody);
+  EXPECT_FALSE(parse(data));
   char text[160];
   snprintf(text, sizeof text,
-           "Error frame 9 checksum, error count 1, header CRC = %08X, calculated CRC = %08X",
+           "Error frame 12 checksum, error count 1, header CRC = %08X, calculated CRC = %08X",
            stored, computed);
-  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", text));
-  EXPECT_EQ(android_errors().back(), text);
+  EXPECT_EQ(android_errors(), strings{text});
+  ASSERT_TRUE(parse(frame(12))); // a good frame keeps the count
   EXPECT_EQ(crc_error_count.load(), 1u);
+  EXPECT_EQ(messages_with("Frame missing"),
+            (strings{"Frame missing: drop 5 frames, FW drops 19 frames",
+                     "Frame missing: drop 2 frames, FW drops 3 frames"}));
 
-  // The stored CRC itself lies outside the checksummed bytes.
-  bytes = sim::build_frame(zero_frame(10));
-  bytes[4] ^= 0x80;
-  EXPECT_FALSE(parse(bytes));
-  EXPECT_EQ(crc_error_count.load(), 2u);
-  // A good frame does not reset the count.
-  EXPECT_TRUE(parse(zero_frame(11)));
-  EXPECT_EQ(crc_error_count.load(), 2u);
-}
-
-TEST_F(FrameParseTest, ImpossibleChannelCountsAreRejectedWithoutReadingPastTheTables) {
-  const std::vector<uint8_t> good = sim::build_frame(zero_frame(1));
-  struct counts {
-    uint8_t force, sense;
-  };
-  for (counts c : {counts{17, 34}, counts{16, 35}, counts{255, 255}, counts{40, 1}}) {
-    std::vector<uint8_t> bytes = good;
-    bytes[49] = c.force;
-    bytes[48] = c.sense;
-    clear_log();
-    EXPECT_FALSE(parse(bytes)) << int(c.force) << " x " << int(c.sense);
-    ASSERT_FALSE(android_errors().empty());
-    EXPECT_NE(android_errors().back().find("Impossible channel count"), std::string::npos);
-    EXPECT_FALSE(logged("calculate_crc", "Buffer total length = 1252"));
-  }
-  EXPECT_EQ(crc_error_count.load(), 0u);
-}
-
-TEST_F(FrameParseTest, AFrameMustFitTheAreaItWasReceivedIn) {
-  const std::vector<uint8_t> good = sim::build_frame(zero_frame(1));
-  ASSERT_EQ(good.size(), 1254u);
-  // An area exactly as large as the frame holds it; one byte less does not,
-  // and the parser must not read the missing trailer byte.
-  for (size_t size : {size_t{1254}, size_t{1253}}) {
-    std::vector<uint8_t> area(good.begin(), good.begin() + static_cast<long>(size));
-    int64_t stamp[2] = {};
-    ioctrl_framedata req{area.data(), stamp, static_cast<uint32_t>(size), 0};
-    EXPECT_EQ(vendor_parse_ioctrl_frame(&req, &record_), size == 1254) << size;
-  }
-  EXPECT_FALSE(vendor_parse_ioctrl_frame(nullptr, &record_));
-}
-
-// ---- Loss accounting --------------------------------------------------------
-
-TEST_F(FrameParseTest, GapsInTheFrameIndexAreReportedWithFirmwareDrops) {
-  sim::frame_fields desc = steady_frame(1);
-  ASSERT_TRUE(parse(desc)); // the first frame after load compares with 0
-  EXPECT_FALSE(logged("Frame missing: drop 0 frames, FW drops 1 frames"));
-  desc = steady_frame(7);
-  desc.fw_counter = 20;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_TRUE(
-      logged("vendor_parse_ioctrl_frame", "Frame missing: drop 5 frames, FW drops 19 frames"));
-  desc = steady_frame(10);
-  desc.fw_counter = 23;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_TRUE(logged("Frame missing: drop 2 frames, FW drops 3 frames"));
-  clear_log();
-  desc = steady_frame(11);
-  ASSERT_TRUE(parse(desc));
-  desc = steady_frame(11); // a repeated index is no loss either
-  ASSERT_TRUE(parse(desc));
-  for (const std::string &msg : log_messages()) {
-    EXPECT_EQ(msg.rfind("Frame missing", 0), std::string::npos) << msg;
-  }
-}
-
-TEST_F(FrameParseTest, ResetStateForgetsThePreviousFrameAndTheErrorCount) {
-  ASSERT_TRUE(parse(steady_frame(7)));
-  std::vector<uint8_t> bad = sim::build_frame(steady_frame(8));
-  bad[200] ^= 1;
-  EXPECT_FALSE(parse(bad));
-  ASSERT_EQ(crc_error_count.load(), 1u);
   calibration_done.store(1);
   frame_parse_reset_state();
   EXPECT_EQ(crc_error_count.load(), 0u);
   EXPECT_EQ(calibration_done.load(), 0);
   clear_log();
-  ASSERT_TRUE(parse(steady_frame(3)));
+  ASSERT_TRUE(parse(frame(3))); // compared with 0 again
   EXPECT_TRUE(logged("Frame missing: drop 2 frames, FW drops 3 frames"));
 }
 
-// ---- Shift tracking ---------------------------------------------------------
+TEST_F(FrameParseTest, ShiftsAreTrackedPerAxisOrForBothRequestedAxes) {
+  // Lists: 160/200/240 kHz, 120/180 Hz (rate code 0x10 = 180 Hz). Each step
+  // sets the requests, parses a frame and expects the shift bit, the shift
+  // log and the working point after it; the parser never clears a request.
+  const std::tuple<uint8_t, uint8_t, uint16_t, uint8_t, bool, std::string, uint8_t, uint8_t>
+      steps[] = {
+          {kNone, kNone, 240, 0x40, true, "Frequency shift done: 160 -> 240KHz", 2, 0},
+          {kNone, kNone, 240, 0x10, true, "Scan rate shift done: 120 -> 180Hz", 2, 1},
+          // A frequency outside the list falls back to index 0.
+          {kNone, kNone, 175, 0x10, true, "Frequency shift done: 240 -> 175KHz", 0, 1},
+          // Both axes requested: done only when both have arrived.
+          {1, 0, 200, 0x10, false,
+           "Shift not all effective yet, print prev/cur/target, freq: 160/200/200, rate: "
+           "180/180/120",
+           0, 1},
+          {1, 0, 200, 0x40, true,
+           "Frequency and Scan rate shift are done, freq: 160 -> 200KHz, rate: 180 -> 120", 1, 0},
+          // One axis requested: not before it arrives, then on every frame
+          // until the service acknowledges it.
+          {2, kNone, 200, 0x40, false, "", 1, 0},
+          {2, kNone, 240, 0x40, true, "Frequency shift done: 200 -> 240KHz", 2, 0},
+          {2, kNone, 240, 0x40, true, "Frequency shift done: 240 -> 240KHz", 2, 0},
+          {kNone, kNone, 240, 0x40, false, "", 2, 0},
+          {kNone, 1, 240, 0x40, false, "", 2, 0},
+      };
+  uint16_t index = 1;
+  for (const auto &[req_f, req_r, freq, rate_code, shift, log, cur_f, cur_r] : steps) {
+    SCOPED_TRACE(index);
+    work_parm_request[WP_FREQ_INDEX].store(req_f);
+    work_parm_request[WP_RATE_INDEX].store(req_r);
+    clear_log();
+    ASSERT_TRUE(parse(frame(index++, freq, rate_code)));
+    EXPECT_EQ((record_.status & kShift) != 0, shift);
+    EXPECT_EQ(messages_with("hift"), log.empty() ? strings{} : strings{log});
+    EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), cur_f);
+    EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), cur_r);
+    EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), req_f);
+    EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), req_r);
+  }
 
-TEST_F(FrameParseTest, UnrequestedChangesAreTrackedPerAxis) {
-  // At the current point (index 0 of both lists) nothing has shifted.
-  ASSERT_TRUE(parse(steady_frame(1)));
-  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-
-  sim::frame_fields desc = steady_frame(1);
-  desc.freq_khz = 240;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_TRUE(logged("Frequency shift done: 160 -> 240KHz"));
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 2);
-  EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 0);
-
-  desc = steady_frame(2);
-  desc.freq_khz = 240;
-  desc.rate_code = 0x10; // 180 Hz
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_TRUE(logged("Scan rate shift done: 120 -> 180Hz"));
-  EXPECT_FALSE(logged("Frequency shift done: 240 -> 240KHz"));
-  EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 1);
-
-  // A frequency outside the list counts as a shift and falls back to index 0.
-  desc = steady_frame(3);
-  desc.freq_khz = 175;
-  desc.rate_code = 0x10;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_TRUE(logged("Frequency shift done: 240 -> 175KHz"));
+  // Without capability lists every frame is a shift to index 0.
+  publish_hw_cap(kvr_hw_cap{});
+  ASSERT_TRUE(parse(frame(index)));
+  EXPECT_NE(record_.status & kShift, 0u);
   EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
 }
 
-TEST_F(FrameParseTest, ARequestForBothAxesCompletesOnlyWhenBothArrive) {
-  work_parm_request[WP_FREQ_INDEX].store(1);
-  work_parm_request[WP_RATE_INDEX].store(1);
-  sim::frame_fields desc = steady_frame(1);
-  desc.freq_khz = 200; // frequency arrived, rate not yet
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_TRUE(logged(
-      "Shift not all effective yet, print prev/cur/target, freq: 160/200/200, rate: 120/120/180"));
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
-
-  desc = steady_frame(2);
-  desc.freq_khz = 200;
-  desc.rate_code = 0x00;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_TRUE(
-      logged("Frequency and Scan rate shift are done, freq: 160 -> 200KHz, rate: 120 -> 180"));
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 1);
-  EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), 1);
-  // The request stays until the service acknowledges the shift.
-  EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), 1);
-  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), 1);
-}
-
-TEST_F(FrameParseTest, APendingFrequencyRequestIsReportedUntilAcknowledged) {
-  work_parm_request[WP_FREQ_INDEX].store(1);
-  // Still at the old point: the request has not taken effect.
-  ASSERT_TRUE(parse(steady_frame(1)));
-  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-
-  sim::frame_fields desc = steady_frame(2);
-  desc.freq_khz = 200;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 1);
-  desc.index = desc.counter = 3;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-
-  EXPECT_EQ(vendor_clear_status(KVR_AFE_STATUS_SHIFT_DONE), 0u);
-  desc.index = desc.counter = 4;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-}
-
-TEST_F(FrameParseTest, NoCapabilityListMeansEveryFrameIsAShiftToIndexZero) {
-  hw_cap.freq_list = nullptr;
-  hw_cap.freq_count = 0;
-  hw_cap.rate_list = nullptr;
-  hw_cap.rate_count = 0;
-  work_parm[WP_FREQ_INDEX].store(3);
-  work_parm_request[WP_FREQ_INDEX].store(0);
-  ASSERT_TRUE(parse(steady_frame(1)));
-  EXPECT_NE(record_.status & KVR_AFE_STATUS_SHIFT_DONE, 0u);
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
-}
-
-// ---- Frame request and SOS --------------------------------------------------
-
-TEST_F(SimTest, FrameRequestIsStaticAndItsCapacityRestoredOnEveryCall) {
-  ioctrl_framedata *req = vendor_get_ioctrl_framedata();
-  ASSERT_NE(req->buf, nullptr);
-  ASSERT_NE(req->timestamp, nullptr);
-  EXPECT_EQ(req->size, 3000u);
-  uint8_t *buf = req->buf;
-  int64_t *stamp = req->timestamp;
-  req->size = 17;
-  ioctrl_framedata *again = vendor_get_ioctrl_framedata();
-  EXPECT_EQ(again, req);
-  EXPECT_EQ(again->buf, buf);
-  EXPECT_EQ(again->timestamp, stamp);
-  EXPECT_EQ(again->size, 3000u);
-  buf[2999] = 1; // the whole area is ours (ASan)
-  EXPECT_FALSE(vendor_loop_get_frame());
-}
-
-TEST_F(SimTest, NeedSosResetsTheChipOnlyWhenTheFlagIsSet) {
+TEST_F(SimTest, NeedSosReportsTheSosEvenWhenTheResetFails) {
   ASSERT_EQ(kvr_afe_open(), 0u);
-  sim::clear_recording();
-  EXPECT_FALSE(vendor_need_sos());
-  EXPECT_TRUE(sim::spi_transfers().empty());
-
-  const int resets = sim::ic().resets;
   set_sos_flag(1);
-  EXPECT_TRUE(vendor_need_sos());
-  EXPECT_EQ(sim::ic().resets, resets + 1);
-  const auto spi = sim::spi_transfers();
-  ASSERT_FALSE(spi.empty());
-  EXPECT_EQ(spi.front().tx, (std::vector<uint8_t>{0xFA, 0x20, 0x00, 0x00, 0x24, 0x80}));
-  EXPECT_FALSE(logged("System rest in SOS failed"));
-
-  // A failed reset still reports the SOS.
   sim::fail_spi_transfer(1, 5);
   EXPECT_TRUE(vendor_need_sos());
   EXPECT_TRUE(logged("vendor_need_sos", "System rest in SOS failed"));
 }
 
-// ---- frame_process ----------------------------------------------------------
-
-TEST(FrameProcess, AddsTheOffsetAfterTruncationWithTheChosenTable) {
-  std::vector<uint8_t> src(2 * kF * kS, 0);
-  src[0] = static_cast<uint8_t>(-10 & 0xFF); // raw node (0, 0) = -10, gain 1.0
-  src[1] = static_cast<uint8_t>((-10 >> 8) & 0xFF);
+TEST_F(SimTest, FrameProcessAddsTheOffsetAfterTruncationWithTheChosenTable) {
+  bytes src(2 * kF * kS, 0);
   std::vector<uint16_t> dest(kF * kS, 0xAAAA);
+  src[0] = 0xF6; // raw 0: -10
+  src[1] = 0xFF;
+  src[2 * 33] = 0xE8; // raw 33: 1000
+  src[2 * 33 + 1] = 0x03;
   frame_process(src.data(), dest.data(), kF, kS, 5, GAIN_MS);
-  EXPECT_EQ(dest[out_index(0, 0)], 0xFFFB); // -10 + 5, not XORed
-  EXPECT_EQ(std::count(dest.begin(), dest.end(), 5), static_cast<long>(kF * kS - 1));
+  EXPECT_EQ(dest[kF * kS - 1], 0xFFFB); // node (0, 0), gain 1.0: -10 + 5, not XORed
+  EXPECT_EQ(std::count(dest.begin(), dest.end(), 5), static_cast<long>(kF * kS - 2));
+  frame_process(src.data(), dest.data(), 1, kS, 0, GAIN_SS_SENSE); // one row: sense gains
+  EXPECT_EQ(dest[0], 990);                                         // sense 33, gain 0.990
 
-  // One row of 34 values through the sense gains, one column of 16 through
-  // the force gains.
-  std::fill(src.begin(), src.end(), 0);
-  src[2 * 33] = 1000 & 0xFF;
-  src[2 * 33 + 1] = 1000 >> 8;
-  frame_process(src.data(), dest.data(), 1, kS, 0, GAIN_SS_SENSE);
-  EXPECT_EQ(dest[0], 990); // sense 33, gain 0.990
-  EXPECT_EQ(dest[1], 0);
-  std::fill(src.begin(), src.end(), 0);
-  src[2 * 14] = 24;
-  frame_process(src.data(), dest.data(), kF, 1, 0x8000, GAIN_SS_FORCE);
-  EXPECT_EQ(dest[1], 0x8000 + 22); // force 14, gain 0.938
-}
-
-class FrameProcessTest : public SimTest {};
-
-TEST_F(FrameProcessTest, RefusesUnknownGainIndicesAndOversizedTables) {
-  std::vector<uint8_t> src(2 * kF * kS, 1);
-  std::vector<uint16_t> dest(kF * kS, 0xAAAA);
+  // Unknown gain indices and tables too small for the request are refused.
   const std::vector<uint16_t> untouched = dest;
   for (int32_t index : {0, 4, -1}) {
     frame_process(src.data(), dest.data(), kF, kS, 0, index);
     EXPECT_TRUE(logged("frame_process", "Cannot find gain index " + std::to_string(index)));
   }
-  EXPECT_EQ(android_errors().size(), 3u);
-  // 16 x 2 nodes would read past the 16 force gains.
-  frame_process(src.data(), dest.data(), kF, 2, 0, GAIN_SS_FORCE);
-  // 17 force rows would read past the mutual gains.
-  frame_process(src.data(), dest.data(), kF + 1, kS, 0, GAIN_MS);
-  EXPECT_EQ(android_errors().size(), 5u);
-  // No sense channels: nothing to do, nothing reported.
-  frame_process(src.data(), dest.data(), kF, 0, 0, GAIN_MS);
+  frame_process(src.data(), dest.data(), kF, 2, 0, GAIN_SS_FORCE); // 32 values, 16 force gains
+  frame_process(src.data(), dest.data(), kF + 1, kS, 0, GAIN_MS);  // 17 force rows
   EXPECT_EQ(android_errors().size(), 5u);
   EXPECT_EQ(dest, untouched);
 }
 
-// ---- Gain tables ------------------------------------------------------------
-
-TEST(GainTables, MutualTableHasTheFixedEntriesAndShape) {
-  ASSERT_EQ(std::size(gain_ms), 544u);
-  std::vector<size_t> ones;
-  for (size_t i = 0; i < std::size(gain_ms); ++i) {
-    if (gain_ms[i] == 1.0f) {
-      ones.push_back(i);
-    }
+TEST(GainTables, MutualTableHasTheFixedEntries) {
+  EXPECT_EQ(std::count(std::begin(gain_ms), std::end(gain_ms), 1.0f), 6);
+  for (size_t i : {0, 33, 271, 305, 510, 543}) {
+    EXPECT_EQ(gain_ms[i], 1.0f) << i;
   }
-  EXPECT_EQ(ones, (std::vector<size_t>{0, 33, 271, 305, 510, 543}));
-
   const auto slice = [](uint32_t f, uint32_t from, uint32_t to) {
     return std::vector<float>(gain_ms + f * kS + from, gain_ms + f * kS + to);
   };
   EXPECT_EQ(slice(0, 0, 6),
             (std::vector<float>{1.0f, 2.3095f, 2.3328f, 2.3456f, 2.4058f, 2.3544f}));
   EXPECT_EQ(slice(0, 31, 34), (std::vector<float>{2.6636f, 2.7958f, 1.0f}));
-  EXPECT_EQ(slice(1, 0, 4), (std::vector<float>{2.3024f, 2.0776f, 2.0833f, 2.0478f}));
   EXPECT_EQ(slice(1, 31, 34), (std::vector<float>{2.2802f, 2.2660f, 2.7538f}));
-
-  for (uint32_t f = 0; f < kF; ++f) {
-    const float *row = gain_ms + f * kS;
-    if (f == 0 || f == kF - 1) {
-      for (uint32_t s = 1; s < kS - 1; ++s) {
-        EXPECT_TRUE(row[s] >= 2.30f && row[s] <= 2.80f) << f << "," << s << " " << row[s];
-      }
-      continue;
-    }
-    const float inner_max = *std::max_element(row, row + kS - 1);
-    EXPECT_GE(*std::min_element(row, row + kS - 1), 2.02f) << "row " << f;
-    EXPECT_LE(inner_max, 2.38f) << "row " << f;
-    if (f != 7 && f != 8) {
-      EXPECT_GT(row[kS - 1], inner_max) << "row " << f;
-    }
-  }
-  // Calibration data: four decimals.
-  for (float g : gain_ms) {
-    EXPECT_NEAR(g * 10000.0f, std::round(g * 10000.0f), 0.01f);
-  }
 }
 
 } // namespace

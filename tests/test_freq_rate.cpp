@@ -11,122 +11,92 @@
 namespace {
 
 using bytes = std::vector<uint8_t>;
+using commands = std::vector<bytes>;
 
 class FreqRateTest : public SimTest {
 protected:
   void SetUp() override {
     SimTest::SetUp();
     open_and_start();
-    hw_cap.freq_count = 4;
-    hw_cap.rate_count = 2;
+    uint16_t freqs[] = {160, 200, 240, 280}, rates[] = {120, 180};
+    kvr_hw_cap cap{};
+    cap.freq_list = freqs;
+    cap.freq_count = 4;
+    cap.rate_list = rates;
+    cap.rate_count = 2;
+    publish_hw_cap(cap);
     clear_log();
     sim::clear_recording();
   }
-  void TearDown() override {
-    hw_cap.freq_count = 0;
-    hw_cap.rate_count = 0;
-    SimTest::TearDown();
-  }
 
   static uint8_t requested_freq() { return work_parm_request[WP_FREQ_INDEX].load(); }
-  static uint8_t requested_rate() { return work_parm_request[WP_RATE_INDEX].load(); }
   static uint8_t auto_shift_disabled() { return work_parm[WP_AUTO_SHIFT_DISABLED].load(); }
 };
 
-TEST_F(FreqRateTest, ForcingTheCurrentPointPinsItOnceThenSkips) {
-  EXPECT_TRUE(vendor_force_freq_point(0));
-  EXPECT_EQ(sim::fw_commands(), (std::vector<bytes>{{0xA0, 0x03, 0x04}}));
-  EXPECT_EQ(requested_freq(), 0);
+TEST_F(FreqRateTest, APointIsSentWhenNewOrWhileShiftIsAutomaticAndNeverPastTheList) {
+  // The current point once (it pins it), again, another point twice, a third.
+  for (uint32_t index : {0u, 0u, 2u, 2u, 3u}) {
+    EXPECT_TRUE(vendor_force_freq_point(index));
+  }
+  EXPECT_EQ(sim::fw_commands(),
+            (commands{{0xA0, 0x03, 0x04}, {0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x07}}));
+  EXPECT_EQ(count_logged("skip setting force freq point"), 2);
+  EXPECT_EQ(requested_freq(), 3);
   EXPECT_EQ(auto_shift_disabled(), 1);
   const std::string first =
       "current: 00 set: FF expec: 00, total 4 frequencies, auto frequency shift is enabled";
   EXPECT_TRUE(logged("vendor_force_freq_point", first));
   EXPECT_EQ(android_errors().front(), first);
-
-  EXPECT_TRUE(vendor_force_freq_point(0));
-  EXPECT_EQ(sim::fw_commands().size(), 1u);
   EXPECT_TRUE(logged(
       "current: 00 set: 00 expec: 00, total 4 frequencies, auto frequency shift is disabled"));
-  EXPECT_TRUE(logged("vendor_force_freq_point", "skip setting force freq point"));
-}
 
-TEST_F(FreqRateTest, AnotherPointIsSentOnceAndOutOfRangePointsNever) {
-  EXPECT_TRUE(vendor_force_freq_point(2));
-  EXPECT_TRUE(vendor_force_freq_point(2)); // already requested, shift disabled
-  EXPECT_TRUE(vendor_force_freq_point(3));
-  EXPECT_EQ(sim::fw_commands(), (std::vector<bytes>{{0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x07}}));
-  EXPECT_EQ(requested_freq(), 3);
-
-  // Past the list even a re-enabled automatic shift sends nothing.
-  work_parm[WP_AUTO_SHIFT_DISABLED].store(0);
+  // A sense-on turns automatic shift back on and keeps the request: the same
+  // point is pinned again, but nothing past the list (0x101 is not 1).
   sim::clear_recording();
-  EXPECT_TRUE(vendor_force_freq_point(4));
-  EXPECT_TRUE(vendor_force_freq_point(0x104)); // no truncation to a valid point
-  EXPECT_TRUE(sim::fw_commands().empty());
-  EXPECT_EQ(requested_freq(), 3);
-  EXPECT_EQ(count_logged("skip setting force freq point"), 3);
-}
-
-TEST_F(FreqRateTest, SenseOnReEnablesAutomaticShiftAndTheRequestStays) {
-  EXPECT_TRUE(vendor_force_freq_point(1));
-  ASSERT_EQ(auto_shift_disabled(), 1);
-  ASSERT_TRUE(vendor_exit_idle()); // any sense-on
+  ASSERT_TRUE(vendor_exit_idle());
   EXPECT_EQ(auto_shift_disabled(), 0);
-  EXPECT_EQ(requested_freq(), 1);
-
-  // With automatic shift back on, the same point is pinned again.
-  EXPECT_TRUE(vendor_force_freq_point(1));
-  EXPECT_EQ(sim::fw_commands(),
-            (std::vector<bytes>{{0xA0, 0x03, 0x05}, {0xA0, 0x03, 0x00}, {0xA0, 0x03, 0x05}}));
+  for (uint32_t index : {4u, 0x101u, 3u}) {
+    EXPECT_TRUE(vendor_force_freq_point(index));
+  }
+  EXPECT_EQ(sim::fw_commands(), (commands{{0xA0, 0x03, 0x00}, {0xA0, 0x03, 0x07}}));
+  EXPECT_EQ(count_logged("skip setting force freq point"), 4);
+  EXPECT_EQ(requested_freq(), 3);
   EXPECT_EQ(auto_shift_disabled(), 1);
 }
 
-TEST_F(FreqRateTest, AFailedFrequencyCommandLeavesTheRequestUnchanged) {
-  sim::drop_echoes(2);
-  const int64_t start = sim::now_us();
-  EXPECT_FALSE(vendor_force_freq_point(2));
-  // Two attempts, each waiting 100 ms for its echo.
-  EXPECT_EQ(sim::fw_commands(), (std::vector<bytes>{{0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x06}}));
-  const int64_t waited = sim::now_us() - start;
-  EXPECT_GE(waited, 200000);
-  EXPECT_LT(waited, 250000);
-  EXPECT_TRUE(logged("vendor_force_freq_point", "Error setting force freq point 2"));
-  EXPECT_EQ(android_errors().back(), "Error setting force freq point 2");
-  EXPECT_EQ(requested_freq(), WORK_PARM_NO_REQUEST);
-  EXPECT_EQ(auto_shift_disabled(), 0);
-}
-
-TEST_F(FreqRateTest, ScanRateIsSentOnlyForANewValidIndex) {
-  EXPECT_TRUE(vendor_force_scan_rate(1));
+TEST_F(FreqRateTest, AScanRateIsSentOnlyForANewValidLowByte) {
+  // 0x201 is rate 1; then 1 again, the current 0 (never re-sent) and 2 of
+  // two rates.
+  for (uint32_t index : {0x201u, 1u, 0u, 2u}) {
+    EXPECT_TRUE(vendor_force_scan_rate(index));
+  }
   EXPECT_TRUE(logged("vendor_force_scan_rate", "current: 00 set: FF expec: 01"));
-  EXPECT_EQ(requested_rate(), 1);
-  EXPECT_TRUE(vendor_force_scan_rate(1)); // already requested
-  EXPECT_TRUE(vendor_force_scan_rate(0)); // current: never re-sent
-  EXPECT_TRUE(vendor_force_scan_rate(2)); // only two rates
-  EXPECT_EQ(sim::fw_commands(), (std::vector<bytes>{{0xC0, 0x00, 0x01}}));
+  EXPECT_EQ(sim::fw_commands(), (commands{{0xC0, 0x00, 0x01}}));
   EXPECT_EQ(count_logged("skip setting force scan rate"), 3);
-  // Forcing never touches the automatic frequency shift.
-  EXPECT_EQ(auto_shift_disabled(), 0);
+  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), 1);
+  EXPECT_EQ(auto_shift_disabled(), 0); // forcing a rate never touches the frequency shift
 }
 
-TEST_F(FreqRateTest, ScanRateUsesTheLowByteOfTheIndex) {
-  EXPECT_TRUE(vendor_force_scan_rate(0x100)); // 0: the current rate
-  EXPECT_TRUE(sim::fw_commands().empty());
-  EXPECT_TRUE(vendor_force_scan_rate(0x201));
-  EXPECT_EQ(sim::fw_commands(), (std::vector<bytes>{{0xC0, 0x00, 0x01}}));
-  EXPECT_EQ(requested_rate(), 1);
-}
-
-TEST_F(FreqRateTest, AFailedRateCommandLeavesTheRequestUnchanged) {
-  sim::drop_echoes(2);
-  const int64_t start = sim::now_us();
+TEST_F(FreqRateTest, AFailedCommandIsTriedTwiceAndLeavesTheRequestUnchanged) {
+  // Each attempt waits 100 ms (frequency) or 50 ms (rate) for its echo.
+  sim::drop_echoes(4);
+  int64_t start = sim::now_us();
+  EXPECT_FALSE(vendor_force_freq_point(2));
+  const int64_t freq_wait = sim::now_us() - start;
+  start = sim::now_us();
   EXPECT_FALSE(vendor_force_scan_rate(1));
-  const int64_t waited = sim::now_us() - start;
-  // Two attempts of 50 ms each.
-  EXPECT_GE(waited, 100000);
-  EXPECT_LT(waited, 150000);
+  const int64_t rate_wait = sim::now_us() - start;
+  EXPECT_EQ(
+      sim::fw_commands(),
+      (commands{{0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x06}, {0xC0, 0x00, 0x01}, {0xC0, 0x00, 0x01}}));
+  EXPECT_TRUE(freq_wait >= 200000 && freq_wait < 250000) << freq_wait;
+  EXPECT_TRUE(rate_wait >= 100000 && rate_wait < 150000) << rate_wait;
+  EXPECT_TRUE(logged("vendor_force_freq_point", "Error setting force freq point 2"));
   EXPECT_TRUE(logged("vendor_force_scan_rate", "Error setting force scan rate"));
-  EXPECT_EQ(requested_rate(), WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(android_errors().back(), "Error setting force scan rate");
+  EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(auto_shift_disabled(), 0);
 }
 
 TEST_F(FreqRateTest, EnablingOrDisablingFrequencyShiftSendsNothing) {
