@@ -1,7 +1,5 @@
-// Capability query, wake-up gesture arming, the entry points kept for
-// interface compatibility, and the exported integer square root.
+// Wake-up gesture arming, the calls kept for compatibility, the integer root.
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -13,29 +11,7 @@
 
 namespace {
 
-const std::vector<uint8_t> kSenseOff{0xA0, 0x00, 0x00};
-
-bool sent(const std::vector<uint8_t> &command) {
-  const auto commands = sim::fw_commands();
-  return std::find(commands.begin(), commands.end(), command) != commands.end();
-}
-
-// ---- Capability and gesture -------------------------------------------------
-
-TEST_F(SimTest, HwCapIsRefusedInStandby) {
-  open_and_start();
-  ASSERT_EQ(kvr_afe_get_hw_cap(), &hw_cap);
-  ASSERT_EQ(kvr_afe_screen_off(), 0u);
-  sim::clear_recording();
-  EXPECT_EQ(kvr_afe_get_hw_cap(), nullptr);
-  EXPECT_EQ(android_errors(),
-            std::vector<std::string>{"API can't be executed in this mode [KVR_STATE_STANDBY]."});
-  EXPECT_TRUE(sim::spi_transfers().empty());
-}
-
 TEST_F(SimTest, GestureReachesTheChipSideOnlyOnAChange) {
-  EXPECT_EQ(kvr_afe_enable_wakeup_gesture(1), 7u);
-  EXPECT_EQ(kvr_afe_disable_wakeup_gesture(), 7u);
   open_and_start();
   clear_log();
   EXPECT_EQ(kvr_afe_enable_wakeup_gesture(1), 0u);
@@ -44,10 +20,12 @@ TEST_F(SimTest, GestureReachesTheChipSideOnlyOnAChange) {
   EXPECT_EQ(count_logged("OUT"), 2);
   EXPECT_EQ(wakeup_gesture_flag.load(), 1u);
 
-  // Armed: screen-off keeps the panel scanning.
+  // Armed: screen-off keeps the panel scanning (no sense-off command).
   sim::clear_recording();
   ASSERT_EQ(kvr_afe_screen_off(), 0u);
-  EXPECT_FALSE(sent(kSenseOff));
+  const auto commands = sim::fw_commands();
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), std::vector<uint8_t>{0xA0, 0x00, 0x00}),
+            0);
 
   // Disarmed in STANDBY, once.
   EXPECT_EQ(kvr_afe_disable_wakeup_gesture(), 0u);
@@ -67,8 +45,6 @@ TEST_F(SimTest, GestureReachesTheChipSideOnlyOnAChange) {
   EXPECT_EQ(count_logged("Disable wakeup gesture"), 1);
 }
 
-// ---- Kept for compatibility ---------------------------------------------------
-
 TEST_F(SimTest, DeprecatedCallsAnswerZeroEvenInClosedWithOneLineEach) {
   EXPECT_EQ(kvr_afe_reset_freq_state(), 0u);
   EXPECT_EQ(kvr_afe_set_freq_point_min_hold_time(65535), 0u);
@@ -85,46 +61,29 @@ TEST_F(SimTest, DeprecatedCallsAnswerZeroEvenInClosedWithOneLineEach) {
   EXPECT_TRUE(sim::ioctls().empty());
 }
 
-// ---- Integer square root ------------------------------------------------------
-
-uint32_t reference_sqrt(uint32_t x) {
-  auto r = static_cast<uint64_t>(std::sqrt(static_cast<double>(x)));
-  while (r * r > x) {
-    --r;
-  }
-  while ((r + 1) * (r + 1) <= x) {
-    ++r;
-  }
-  return static_cast<uint32_t>(r);
-}
-
 TEST(Sqrt32, EdgeValues) {
   EXPECT_EQ(sqrt32(0), 0);
-  EXPECT_EQ(sqrt32(1), 1);
-  EXPECT_EQ(sqrt32(3), 1);
-  EXPECT_EQ(sqrt32(4), 2);
-  EXPECT_EQ(sqrt32((1u << 30) - 1), 32767);
-  EXPECT_EQ(sqrt32(1u << 30), 32768);
   EXPECT_EQ(sqrt32(0xFFFE0000u), 65534);
   EXPECT_EQ(sqrt32(0xFFFE0001u), 65535);
   EXPECT_EQ(sqrt32(0xFFFFFFFFu), 65535);
 }
 
+// The root r is the one with r*r <= x < (r+1)*(r+1).
 TEST(Sqrt32, PerfectSquaresTheirNeighboursAndRandomSamples) {
   for (uint32_t r = 1; r <= 65535; ++r) {
     const uint32_t square = r * r;
     ASSERT_EQ(sqrt32(square), r) << square;
     ASSERT_EQ(sqrt32(square - 1), r - 1) << square - 1;
     if (r < 65535) {
-      // The largest value with this root.
-      ASSERT_EQ(sqrt32(square + 2 * r), r) << square + 2 * r;
+      ASSERT_EQ(sqrt32(square + 2 * r), r) << square + 2 * r; // the largest with this root
     }
   }
   std::mt19937 rng(20240611);
   std::uniform_int_distribution<uint32_t> any;
   for (int i = 0; i < 1000000; ++i) {
     const uint32_t x = any(rng);
-    ASSERT_EQ(sqrt32(x), reference_sqrt(x)) << x;
+    const uint64_t r = sqrt32(x);
+    ASSERT_TRUE(r * r <= x && (r + 1) * (r + 1) > x) << x << " -> " << r;
   }
 }
 
