@@ -1,5 +1,4 @@
-// The device node: request numbers, argument records, the time-out cache,
-// the SPI busy waits and every failure message.
+// The device node: requests, records, time-out cache, busy waits, failures.
 #include <cerrno>
 #include <cstring>
 
@@ -10,70 +9,55 @@
 
 namespace {
 
-class DeviceNode : public SimTest {
-protected:
-  void SetUp() override {
-    SimTest::SetUp();
-    ASSERT_EQ(ioctrl_open(), 0u);
-    sim::clear_recording();
-    clear_log();
-  }
-  void TearDown() override {
-    spi_mutex.store(0);
-    ioctrl_close();
-    SimTest::TearDown();
-  }
-};
+using DeviceNode = IoSimTest;
 
+uint8_t g_buf[3000];
+int64_t g_stamp[2];
+ioctrl_framedata g_req{g_buf, g_stamp, sizeof g_buf, 0};
 afehal_os_ops g_custom;
 int g_sleeps = 0;
 int g_clear_after = 0;
 
-int usleep_clearing_flag(unsigned int) {
-  if (++g_sleeps == g_clear_after) {
-    spi_mutex.store(0);
-  }
-  return 0;
-}
-
+// Marks the SPI link busy until the given number of sleeps (0: for good).
 void hold_spi_link_for(int sleeps) {
   g_custom = os();
-  g_custom.usleep = usleep_clearing_flag;
+  g_custom.usleep = [](unsigned int) {
+    if (++g_sleeps == g_clear_after) {
+      spi_mutex.store(0);
+    }
+    return 0;
+  };
   g_sleeps = 0;
   g_clear_after = sleeps;
   os_install(&g_custom);
   spi_mutex.store(1);
 }
 
-uint32_t u32_at(const std::vector<uint8_t> &bytes, size_t offset) {
-  uint32_t v;
-  std::memcpy(&v, bytes.data() + offset, 4);
-  return v;
-}
-
-uint64_t u64_at(const std::vector<uint8_t> &bytes, size_t offset) {
-  uint64_t v;
-  std::memcpy(&v, bytes.data() + offset, 8);
-  return v;
+// The 24-byte record the driver sees: two pointers, then a 32-bit length
+// and a reserved 32-bit zero (read together as one little-endian word).
+void expect_record(const std::vector<uint8_t> &bytes, const void *a, const void *b, uint32_t len) {
+  ASSERT_EQ(bytes.size(), 24u);
+  uint64_t words[3];
+  std::memcpy(words, bytes.data(), sizeof words);
+  EXPECT_EQ(words[0], reinterpret_cast<uint64_t>(a));
+  EXPECT_EQ(words[1], reinterpret_cast<uint64_t>(b));
+  EXPECT_EQ(words[2], uint64_t{len});
 }
 
 } // namespace
 
-TEST_F(DeviceNode, OpenTwiceIsRefused) {
+TEST_F(DeviceNode, OpenIsRefusedTwiceAndRetriedOnce) {
   EXPECT_EQ(ioctrl_open(), 4u);
   EXPECT_TRUE(logged("ioctrl_open", "AFE can't be re-opened."));
   EXPECT_EQ(android_errors().back(), "AFE can't be re-opened.");
   EXPECT_EQ(sim::driver().open_calls, 1);
-}
 
-TEST_F(DeviceNode, OpenRetriesOnceThenFails) {
   ioctrl_close();
+  clear_log();
   sim::fail_open(ENOENT, 1);
   EXPECT_EQ(ioctrl_open(), 0u); // the second open succeeds
   EXPECT_TRUE(logged("ioctrl_open", "Open node (/dev/kvr) sucess"));
   ioctrl_close();
-
-  clear_log();
   sim::fail_open(EACCES, 2);
   EXPECT_EQ(ioctrl_open(), 3u);
   const std::string text = std::string("Open node (/dev/kvr) Failed! ") + strerror(EACCES);
@@ -82,19 +66,7 @@ TEST_F(DeviceNode, OpenRetriesOnceThenFails) {
   EXPECT_LT(ioctrl_fd.load(), 0);
 }
 
-TEST_F(DeviceNode, CloseForgetsTheDescriptorButKeepsTheTimeoutCache) {
-  ASSERT_EQ(ioctrl_set_timeout(253), 0);
-  ioctrl_close();
-  EXPECT_TRUE(logged("ioctrl_close", "called"));
-  EXPECT_EQ(ioctrl_fd.load(), -1);
-  EXPECT_FALSE(sim::driver().open);
-  ASSERT_EQ(ioctrl_open(), 0u);
-  sim::clear_recording();
-  EXPECT_EQ(ioctrl_set_timeout(253), 0);
-  EXPECT_TRUE(sim::ioctls().empty());
-}
-
-TEST_F(DeviceNode, TimeoutIsCachedAndRetriedAfterFailure) {
+TEST_F(DeviceNode, TimeoutIsCachedAcrossCloseAndRetriedAfterFailure) {
   EXPECT_EQ(ioctrl_set_timeout(253), 0);
   EXPECT_EQ(ioctrl_set_timeout(253), 0);
   auto calls = sim::ioctls();
@@ -102,37 +74,35 @@ TEST_F(DeviceNode, TimeoutIsCachedAndRetriedAfterFailure) {
   EXPECT_EQ(calls[0].request, 0x4004B803ul);
   EXPECT_EQ(calls[0].value, 253u);
   EXPECT_TRUE(logged("ioctrl_set_timeout", "253, OK"));
-  EXPECT_EQ(sim::driver().frame_timeout_ms, 253u);
 
   sim::fail_ioctl(0x4004B803, EIO);
   EXPECT_LT(ioctrl_set_timeout(1471), 0);
   EXPECT_TRUE(logged("ioctrl_set_timeout", std::string("1471, ") + strerror(EIO)));
-  EXPECT_EQ(ioctrl_timeout.load(), 253u);
   EXPECT_EQ(ioctrl_set_timeout(1471), 0); // retried, not cached
   EXPECT_EQ(sim::ioctls(0x4004B803).size(), 3u);
+
+  ioctrl_close();
+  EXPECT_TRUE(logged("ioctrl_close", "called"));
+  EXPECT_FALSE(sim::driver().open);
+  EXPECT_LT(ioctrl_set_block(1), 0);
+  EXPECT_TRUE(logged("ioctrl_set_block", std::string("1, ") + strerror(EBADF)));
+  ASSERT_EQ(ioctrl_open(), 0u);
+  sim::clear_recording();
+  EXPECT_EQ(ioctrl_set_timeout(1471), 0);
+  EXPECT_TRUE(sim::ioctls().empty());
 }
 
 TEST_F(DeviceNode, SpiSyncStopsAtTheFirstFailure) {
-  uint8_t tx[3][4] = {{1, 2, 3, 4}, {5, 6, 7, 8}, {9, 10, 11, 12}};
-  uint8_t rx[3][4] = {};
-  ioctrl_spi_xfer xfers[3];
-  for (int i = 0; i < 3; ++i) {
-    xfers[i] = {tx[i], rx[i], 4, 0};
-  }
+  uint8_t tx[3][4] = {}, rx[3][4] = {};
+  ioctrl_spi_xfer xfers[3] = {{tx[0], rx[0], 4, 0}, {tx[1], rx[1], 4, 0}, {tx[2], rx[2], 4, 0}};
   sim::fail_ioctl(0xC018B804, EIO, sim::fault_when::nth, 2);
   EXPECT_LT(ioctrl_spi_sync(xfers, 3), 0);
   auto calls = sim::ioctls(0xC018B804);
   ASSERT_EQ(calls.size(), 2u);
-  // The record the driver sees: tx pointer, rx pointer, length, reserved 0.
-  ASSERT_EQ(calls[0].argument.size(), 24u);
-  EXPECT_EQ(u64_at(calls[0].argument, 0), reinterpret_cast<uint64_t>(tx[0]));
-  EXPECT_EQ(u64_at(calls[0].argument, 8), reinterpret_cast<uint64_t>(rx[0]));
-  EXPECT_EQ(u32_at(calls[0].argument, 16), 4u);
-  EXPECT_EQ(u32_at(calls[0].argument, 20), 0u);
+  expect_record(calls[0].argument, tx[0], rx[0], 4);
   EXPECT_EQ(spi_mutex.load(), 0);
   EXPECT_TRUE(logged("ioctrl_spi_sync", "+, 1"));
   EXPECT_TRUE(logged("ioctrl_spi_sync", std::string("-, 1, ") + strerror(EIO)));
-  EXPECT_FALSE(logged("ioctrl_spi_sync", "+, 2"));
 
   EXPECT_EQ(ioctrl_spi_sync(xfers, 0), 0);
   EXPECT_EQ(sim::ioctls(0xC018B804).size(), 2u);
@@ -143,18 +113,14 @@ TEST_F(DeviceNode, ModeRequestsCarryTheirValues) {
   EXPECT_EQ(ioctrl_set_irq(0), 0);
   EXPECT_EQ(ioctrl_set_reset(3), 0); // only bit 0 is used
   ioctrl_clear_frame_buffer();
-  auto calls = sim::ioctls();
+  const std::pair<unsigned long, uint32_t> expected[] = {
+      {0x4004B806, 1}, {0x4004B807, 0}, {0x4004B802, 1}, {0x4004B809, 0}};
+  const auto calls = sim::ioctls();
   ASSERT_EQ(calls.size(), 4u);
-  EXPECT_EQ(calls[0].request, 0x4004B806ul);
-  EXPECT_EQ(calls[0].value, 1u);
-  EXPECT_EQ(calls[1].request, 0x4004B807ul);
-  EXPECT_EQ(calls[1].value, 0u);
-  EXPECT_EQ(calls[2].request, 0x4004B802ul);
-  EXPECT_EQ(calls[2].value, 1u);
-  EXPECT_EQ(calls[3].request, 0x4004B809ul);
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(std::make_pair(calls[i].request, calls[i].value), expected[i]);
+  }
   EXPECT_EQ(calls[3].arg, 0ul);
-  EXPECT_TRUE(sim::driver().blocking);
-  EXPECT_FALSE(sim::driver().irq_enabled);
   EXPECT_TRUE(logged("ioctrl_set_block", "1, OK"));
   EXPECT_TRUE(logged("ioctrl_set_irq", "IRQ enable set: 0"));
   EXPECT_TRUE(logged("ioctrl_set_irq", "0, OK"));
@@ -162,96 +128,51 @@ TEST_F(DeviceNode, ModeRequestsCarryTheirValues) {
   EXPECT_TRUE(logged("ioctrl_clear_frame_buffer", "OK"));
 }
 
-TEST_F(DeviceNode, FrameCountAndItsFailure) {
+TEST_F(DeviceNode, FrameRequestsAndTheirFailures) {
   EXPECT_EQ(ioctrl_get_frame_count(), 0u);
-  auto calls = sim::ioctls(0x4004B808);
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_NE(calls[0].arg, 0ul); // a pointer to the count
-
+  ASSERT_EQ(sim::ioctls(0x4004B808).size(), 1u);
+  EXPECT_NE(sim::ioctls(0x4004B808)[0].arg, 0ul); // a pointer to the count
   sim::fail_ioctl(0x4004B808, EFAULT);
   EXPECT_EQ(ioctrl_get_frame_count(), 0u);
   EXPECT_TRUE(logged("ioctrl_get_frame_count", strerror(EFAULT)));
   EXPECT_EQ(android_errors().back(), strerror(EFAULT));
-}
 
-TEST_F(DeviceNode, GetFrameReturnsErrno) {
-  uint8_t buf[3000];
-  int64_t stamp[2] = {};
-  ioctrl_framedata req{buf, stamp, sizeof buf, 0};
   sim::fail_ioctl(0xC018B801, ETIMEDOUT);
-  EXPECT_EQ(ioctrl_get_frame(&req), ETIMEDOUT);
+  EXPECT_EQ(ioctrl_get_frame(&g_req), ETIMEDOUT);
   EXPECT_TRUE(logged("ioctrl_get_frame", "+"));
   EXPECT_TRUE(logged("ioctrl_get_frame", std::string("-, ") + strerror(ETIMEDOUT) + "."));
   auto calls = sim::ioctls(0xC018B801);
   ASSERT_EQ(calls.size(), 1u);
-  ASSERT_EQ(calls[0].argument.size(), 24u);
-  EXPECT_EQ(u64_at(calls[0].argument, 0), reinterpret_cast<uint64_t>(buf));
-  EXPECT_EQ(u64_at(calls[0].argument, 8), reinterpret_cast<uint64_t>(stamp));
-  EXPECT_EQ(u32_at(calls[0].argument, 16), 3000u);
-  EXPECT_EQ(u32_at(calls[0].argument, 20), 0u);
+  expect_record(calls[0].argument, g_buf, g_stamp, 3000);
 }
 
-TEST_F(DeviceNode, FramePathWaitsAtMost20Polls) {
-  uint8_t buf[16];
-  int64_t stamp[2] = {};
-  ioctrl_framedata req{buf, stamp, sizeof buf, 0};
-
-  // Cleared after the 19th sleep: in time.
-  hold_spi_link_for(19);
-  sim::fail_ioctl(0xC018B801, ETIMEDOUT);
-  EXPECT_EQ(ioctrl_get_frame(&req), ETIMEDOUT);
-  EXPECT_EQ(g_sleeps, 19);
-
-  // Cleared after the 20th sleep: too late, no ioctl.
-  sim::clear_recording();
-  hold_spi_link_for(20);
-  EXPECT_EQ(ioctrl_get_frame(&req), 255);
-  EXPECT_EQ(g_sleeps, 20);
-  EXPECT_TRUE(sim::ioctls().empty());
-  EXPECT_TRUE(logged("wait_for_mutex", "Timeout. kvr_afe_get_frame get SPI Mutex"));
-
-  hold_spi_link_for(0);
-  EXPECT_EQ(ioctrl_get_frame_count(), 255u);
-  EXPECT_EQ(g_sleeps, 20);
-  EXPECT_TRUE(sim::ioctls().empty());
-}
-
-TEST_F(DeviceNode, ModeChangesWaitAtMost10Polls) {
-  hold_spi_link_for(9);
-  EXPECT_EQ(ioctrl_set_block(0), 0);
-  EXPECT_EQ(g_sleeps, 9);
-
-  sim::clear_recording();
-  hold_spi_link_for(10);
-  EXPECT_EQ(ioctrl_set_block(1), 255);
-  EXPECT_EQ(g_sleeps, 10);
-  EXPECT_TRUE(logged("wait_for_mutex", "Timeout. SETBLOCKING get SPI Mutex"));
-
-  hold_spi_link_for(0);
-  EXPECT_EQ(ioctrl_set_timeout(100), 255);
-  EXPECT_EQ(g_sleeps, 10);
-  EXPECT_TRUE(logged("wait_for_mutex", "Timeout. SETDRIMSTMO get SPI Mutex"));
-  EXPECT_TRUE(sim::ioctls().empty());
-  EXPECT_EQ(android_errors().back(), "Timeout. SETDRIMSTMO get SPI Mutex");
-}
-
-TEST_F(DeviceNode, FlushIsIssuedEvenWhenTheLinkStaysBusy) {
-  hold_spi_link_for(0);
-  ioctrl_clear_frame_buffer();
-  EXPECT_EQ(g_sleeps, 20);
-  EXPECT_TRUE(logged("wait_for_mutex", "Timeout. kvr_afe_get_frame get SPI Mutex"));
-  EXPECT_EQ(sim::ioctls(0x4004B809).size(), 1u);
-}
-
-TEST_F(DeviceNode, FailedFlushIsReported) {
+TEST_F(DeviceNode, BusyWaitsGiveUpAfter20PollsForFramesAnd10ForModes) {
+  sim::fail_ioctl(0xC018B801, ETIMEDOUT, sim::fault_when::always);
   sim::fail_ioctl(0x4004B809, EIO);
-  ioctrl_clear_frame_buffer();
-  EXPECT_EQ(sim::ioctls(0x4004B809).size(), 1u);
+  // Freed after limit - 1 sleeps: in time; after limit sleeps: too late.
+  auto expect_wait = [](int hold, int polls, long result, size_t issued, std::string waiter,
+                        auto call) {
+    SCOPED_TRACE(waiter + " " + std::to_string(hold));
+    sim::clear_recording();
+    clear_log();
+    hold_spi_link_for(hold);
+    EXPECT_EQ(call(), result);
+    EXPECT_EQ(g_sleeps, polls);
+    EXPECT_EQ(sim::ioctls().size(), issued);
+    const std::string text = "Timeout. " + waiter + " get SPI Mutex";
+    EXPECT_EQ(logged("wait_for_mutex", text), !waiter.empty());
+    EXPECT_EQ(last_error() == text, !waiter.empty());
+  };
+  expect_wait(19, 19, ETIMEDOUT, 1, "", [] { return long{ioctrl_get_frame(&g_req)}; });
+  expect_wait(20, 20, 255, 0, "kvr_afe_get_frame", [] { return long{ioctrl_get_frame(&g_req)}; });
+  expect_wait(0, 20, 255, 0, "kvr_afe_get_frame", [] { return long(ioctrl_get_frame_count()); });
+  expect_wait(9, 9, 0, 1, "", [] { return long{ioctrl_set_block(0)}; });
+  expect_wait(10, 10, 255, 0, "SETBLOCKING", [] { return long{ioctrl_set_block(1)}; });
+  expect_wait(0, 10, 255, 0, "SETDRIMSTMO", [] { return long{ioctrl_set_timeout(100)}; });
+  // The flush is still issued after a busy time-out, and its failure reported.
+  expect_wait(0, 20, 0, 1, "kvr_afe_get_frame", [] {
+    ioctrl_clear_frame_buffer();
+    return 0L;
+  });
   EXPECT_TRUE(logged("ioctrl_clear_frame_buffer", strerror(EIO)));
-}
-
-TEST_F(DeviceNode, ClosedNodeFailsWithEbadf) {
-  ioctrl_close();
-  EXPECT_LT(ioctrl_set_block(1), 0);
-  EXPECT_TRUE(logged("ioctrl_set_block", std::string("1, ") + strerror(EBADF)));
 }

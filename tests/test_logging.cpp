@@ -1,6 +1,5 @@
 // Logging: line format, truncation, levels, the sink, the Android copy of
 // errors, clocks and the SPI busy wait.
-#include <cerrno>
 #include <string>
 
 #include "afe/afe.h"
@@ -9,37 +8,7 @@
 #include "platform/os.h"
 #include "support/fixture.h"
 
-namespace {
-
-class Logging : public SimTest {};
-
-// A table that is the simulator's with one call replaced.
-afehal_os_ops g_custom;
-int g_sleeps = 0;
-int g_clear_after = 0;
-
-int usleep_clearing_flag(unsigned int) {
-  ++g_sleeps;
-  if (g_sleeps == g_clear_after) {
-    spi_mutex.store(0);
-  }
-  return 0;
-}
-
-int failing_gettimeofday(struct timeval *) { return -1; }
-int failing_clock_gettime(clockid_t, struct timespec *) { return -1; }
-
-// Installs the simulator's table with usleep clearing the busy flag after
-// the given number of sleeps (0: never).
-void install_clearing_sleep(int clear_after) {
-  g_custom = os();
-  g_custom.usleep = usleep_clearing_flag;
-  g_sleeps = 0;
-  g_clear_after = clear_after;
-  os_install(&g_custom);
-}
-
-} // namespace
+using Logging = SimTest;
 
 TEST_F(Logging, LineCarriesLevelFrameStampClockAndTag) {
   sim::advance_us(1'234'567'000);
@@ -59,9 +28,7 @@ TEST_F(Logging, LineCarriesLevelFrameStampClockAndTag) {
 TEST_F(Logging, MessageCutAt119AndLineAt159) {
   const std::string long_msg(200, 'x');
   NLOG(1, "t", "%s", long_msg.c_str());
-  auto msgs = log_messages();
-  ASSERT_EQ(msgs.size(), 1u);
-  EXPECT_EQ(msgs[0], std::string(119, 'x'));
+  EXPECT_EQ(log_messages(), std::vector<std::string>{std::string(119, 'x')});
 
   // A long tag pushes the whole line past 159 characters: cut, newline lost.
   clear_log();
@@ -74,6 +41,22 @@ TEST_F(Logging, MessageCutAt119AndLineAt159) {
 }
 
 TEST_F(Logging, LevelsGateTheSinkButNotTheAndroidCopy) {
+  log_error("tag", "boom %s", "now");
+  auto copies = sim::android_log();
+  ASSERT_EQ(copies.size(), 1u);
+  EXPECT_EQ(copies[0].prio, 6);
+  EXPECT_EQ(copies[0].tag, "afehal");
+  EXPECT_EQ(copies[0].text, "boom now");
+  EXPECT_TRUE(logged("tag", "boom now"));
+
+  clear_log();
+  sim::clear_recording();
+  INFO("%02X ", 0xAB); // raw, no line format
+  EXPECT_EQ(log_lines(), std::vector<std::string>{"AB "});
+  clear_log();
+  log_level.store(2);
+  INFO("hidden");
+  EXPECT_TRUE(log_lines().empty());
   log_level.store(1);
   NLOG(2, "t", "warning");
   NLOG(1, "t", "error");
@@ -93,40 +76,17 @@ TEST_F(Logging, LevelsGateTheSinkButNotTheAndroidCopy) {
   EXPECT_EQ(android_errors().back(), "no sink");
 }
 
-TEST_F(Logging, AndroidCopyUsesPriority6AndTag) {
-  log_error("tag", "boom %s", "now");
-  auto lines = sim::android_log();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].prio, 6);
-  EXPECT_EQ(lines[0].tag, "afehal");
-  EXPECT_EQ(lines[0].text, "boom now");
-  EXPECT_TRUE(logged("tag", "boom now"));
-}
-
-TEST_F(Logging, InfoIsRawAndNeedsLevel3) {
-  INFO("%02X ", 0xAB);
-  EXPECT_EQ(log_lines(), std::vector<std::string>{"AB "});
-  clear_log();
-  log_level.store(2);
-  INFO("hidden");
-  EXPECT_TRUE(log_lines().empty());
-}
-
-TEST_F(Logging, SetLevelNamesTheLevel) {
+TEST_F(Logging, SetLevelNamesTheLevelAndTheApiRejectsLevel6AndNullSink) {
   const char *expected[] = {"DEBUG", "ERROR", "WARNING", "INFO", "DEBUG", "DEBUG"};
   for (uint8_t level = 0; level <= 5; ++level) {
     log_level.store(5);
     clear_log();
     log_set_level(level);
     EXPECT_EQ(log_level.load(), level);
-    const bool shown = level >= 3; // the line itself is level 3
     EXPECT_EQ(logged("log_set_level", std::string("log level change to <") + expected[level] + ">"),
-              shown)
+              level >= 3)
         << int(level);
   }
-}
-
-TEST_F(Logging, ApiRejectsLevel6AndNullSink) {
   EXPECT_EQ(kvr_afe_set_log_level(6), 7u);
   EXPECT_EQ(kvr_afe_set_log_level(255), 7u);
   EXPECT_TRUE(logged("kvr_afe_set_log_level", "log level <6> is out of range."));
@@ -144,10 +104,11 @@ TEST_F(Logging, ClocksReportFailures) {
   log_monotonic_time mono = sys_get_monotonic_timespec();
   EXPECT_TRUE(mono.sec > 0 || mono.nsec > 0);
 
-  g_custom = os();
-  g_custom.gettimeofday = failing_gettimeofday;
-  g_custom.clock_gettime = failing_clock_gettime;
-  os_install(&g_custom);
+  static afehal_os_ops failing;
+  failing = os();
+  failing.gettimeofday = [](struct timeval *) { return -1; };
+  failing.clock_gettime = [](clockid_t, struct timespec *) { return -1; };
+  os_install(&failing);
   EXPECT_EQ(sys_get_cur_systime(), -1);
   mono = sys_get_monotonic_timespec();
   EXPECT_EQ(mono.sec, 0);
@@ -166,14 +127,4 @@ TEST_F(Logging, WaitForMutexBudget) {
   spi_mutex.store(1);
   EXPECT_EQ(wait_for_mutex(1, "z"), -1);
   EXPECT_EQ(sim::slept_us(), 100);
-
-  // The flag must clear within count - 1 sleeps.
-  install_clearing_sleep(4);
-  spi_mutex.store(1);
-  EXPECT_EQ(wait_for_mutex(5, "w"), 0);
-  EXPECT_EQ(g_sleeps, 4);
-  install_clearing_sleep(5);
-  spi_mutex.store(1);
-  EXPECT_EQ(wait_for_mutex(5, "v"), -1);
-  EXPECT_EQ(g_sleeps, 5);
 }

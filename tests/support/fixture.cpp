@@ -127,3 +127,44 @@ void SimTest::open_and_start() {
   ASSERT_EQ(kvr_afe_start(), 0u);
   ASSERT_EQ(gu32AFEStatus.load(), static_cast<uint32_t>(KVR_STATE_WORKING));
 }
+
+std::string last_error() {
+  const auto errors = android_errors();
+  return errors.empty() ? std::string() : errors.back();
+}
+
+int messages_starting(const std::string &prefix) {
+  int n = 0;
+  for (const auto &msg : log_messages()) {
+    n += msg.rfind(prefix, 0) == 0 ? 1 : 0;
+  }
+  return n;
+}
+
+std::vector<std::vector<uint8_t>> spi_sent(int skip) {
+  std::vector<std::vector<uint8_t>> out;
+  for (const auto &x : sim::spi_transfers()) {
+    if (x.tx.empty() || x.tx[0] != skip) {
+      out.push_back(x.tx);
+    }
+  }
+  return out;
+}
+
+std::vector<uint8_t> fifo_event(std::initializer_list<uint8_t> head) {
+  std::vector<uint8_t> e(head);
+  e.resize(8, 0);
+  return e;
+}
+
+void IoSimTest::SetUp() {
+  SimTest::SetUp();
+  ASSERT_EQ(ioctrl_open(), 0u);
+  sim::clear_recording();
+}
+
+void IoSimTest::TearDown() {
+  sim::fail_allocation(0);
+  ioctrl_close();
+  SimTest::TearDown();
+}
