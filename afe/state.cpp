@@ -22,7 +22,9 @@ constexpr uint32_t kSpecMajor = 1;
 constexpr uint32_t kSpecMinor = 19;
 constexpr uint32_t kSpecPatch = 0;
 
-void set_state(uint32_t state) { gu32AFEStatus.store(state, std::memory_order_release); }
+void set_state(uint32_t state) {
+  gu32AFEStatus.store(state, std::memory_order_release);
+}
 
 uint32_t open_with_project(const char *tag, const char *project) {
   NLOG(LOG_LEVEL_ENTRY, tag, "IN");
@@ -87,7 +89,9 @@ bool afe_state_allows(uint32_t mask, const char *tag) {
 
 extern "C" {
 
-KVR_AFE_API uint32_t kvr_afe_open(void) { return open_with_project("kvr_afe_open", nullptr); }
+KVR_AFE_API uint32_t kvr_afe_open(void) {
+  return open_with_project("kvr_afe_open", nullptr);
+}
 
 KVR_AFE_API uint32_t kvr_afe_open_project(const char *project) {
   return open_with_project("kvr_afe_open_project", project);
@@ -191,9 +195,13 @@ KVR_AFE_API kvr_afe_info *kvr_afe_get_info(void) {
   return &afe_info;
 }
 
-KVR_AFE_API uint32_t kvr_afe_enter_tui(void) { return tui_call("kvr_afe_enter_tui"); }
+KVR_AFE_API uint32_t kvr_afe_enter_tui(void) {
+  return tui_call("kvr_afe_enter_tui");
+}
 
-KVR_AFE_API uint32_t kvr_afe_exit_tui(void) { return tui_call("kvr_afe_exit_tui"); }
+KVR_AFE_API uint32_t kvr_afe_exit_tui(void) {
+  return tui_call("kvr_afe_exit_tui");
+}
 
 KVR_AFE_API uint32_t kvr_afe_set_log_callback_func(kvr_afe_log_func cb) {
   NLOG(LOG_LEVEL_ENTRY, "kvr_afe_set_log_callback_func", "IN");

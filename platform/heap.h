@@ -8,7 +8,9 @@
 
 #include "platform/os.h"
 
-inline void *heap_alloc(size_t size) { return os().malloc(size); }
+inline void *heap_alloc(size_t size) {
+  return os().malloc(size);
+}
 inline void heap_free(void *ptr) {
   if (ptr != nullptr) {
     os().free(ptr);

@@ -20,9 +20,13 @@ int do_ioctl(unsigned long request, unsigned long arg) {
   return os().ioctl(ioctrl_fd.load(std::memory_order_relaxed), request, arg);
 }
 
-unsigned long pointer_arg(const void *ptr) { return reinterpret_cast<unsigned long>(ptr); }
+unsigned long pointer_arg(const void *ptr) {
+  return reinterpret_cast<unsigned long>(ptr);
+}
 
-const char *result_text(int result) { return result < 0 ? strerror(errno) : "OK"; }
+const char *result_text(int result) {
+  return result < 0 ? strerror(errno) : "OK";
+}
 
 } // namespace
 
@@ -97,8 +101,7 @@ int32_t ioctrl_set_block(uint32_t value) {
     return IOCTRL_SPI_BUSY;
   }
   const int result = do_ioctl(KVR_IOCTL_SET_BLOCK, value);
-  NLOG(LOG_LEVEL_INFO, "ioctrl_set_block", "%d, %s", static_cast<int>(value),
-       result_text(result));
+  NLOG(LOG_LEVEL_INFO, "ioctrl_set_block", "%d, %s", static_cast<int>(value), result_text(result));
   return result;
 }
 

@@ -15,7 +15,9 @@ namespace {
 constexpr size_t kMessageSize = 120; // a message keeps at most 119 characters
 constexpr size_t kLineSize = 160;    // a line keeps at most 159 characters
 
-int64_t to_ms(int64_t sec, int64_t usec) { return sec * 1000 + usec / 1000; }
+int64_t to_ms(int64_t sec, int64_t usec) {
+  return sec * 1000 + usec / 1000;
+}
 
 int64_t wall_clock_ms() {
   struct timeval tv {};

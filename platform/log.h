@@ -10,8 +10,8 @@
 constexpr uint32_t LOG_LEVEL_ERROR = 1;
 constexpr uint32_t LOG_LEVEL_WARNING = 2;
 constexpr uint32_t LOG_LEVEL_INFO = 3;
-constexpr uint32_t LOG_LEVEL_TRACE = 4;    // SPI transfers, per-frame checksums
-constexpr uint32_t LOG_LEVEL_ENTRY = 5;    // IN / OUT of the entry points
+constexpr uint32_t LOG_LEVEL_TRACE = 4; // SPI transfers, per-frame checksums
+constexpr uint32_t LOG_LEVEL_ENTRY = 5; // IN / OUT of the entry points
 
 using log_sink_fn = void (*)(const char *line);
 

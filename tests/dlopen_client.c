@@ -15,18 +15,18 @@ static void sink(const char *line) {
   }
 }
 
-#define RESOLVE(handle, type, name)                                                         \
-  type name##_fn = (type)dlsym(handle, #name);                                              \
-  if (name##_fn == NULL) {                                                                  \
-    fprintf(stderr, "missing symbol %s\n", #name);                                          \
-    return 1;                                                                               \
+#define RESOLVE(handle, type, name)                                                                \
+  type name##_fn = (type)dlsym(handle, #name);                                                     \
+  if (name##_fn == NULL) {                                                                         \
+    fprintf(stderr, "missing symbol %s\n", #name);                                                 \
+    return 1;                                                                                      \
   }
 
-#define EXPECT_EQ(actual, expected)                                                         \
-  if ((actual) != (expected)) {                                                             \
-    fprintf(stderr, "%s:%d: %s is %lu, expected %lu\n", __FILE__, __LINE__, #actual,        \
-            (unsigned long)(actual), (unsigned long)(expected));                            \
-    return 1;                                                                               \
+#define EXPECT_EQ(actual, expected)                                                                \
+  if ((actual) != (expected)) {                                                                    \
+    fprintf(stderr, "%s:%d: %s is %lu, expected %lu\n", __FILE__, __LINE__, #actual,               \
+            (unsigned long)(actual), (unsigned long)(expected));                                   \
+    return 1;                                                                                      \
   }
 
 typedef uint32_t (*u32_fn)(void);

@@ -54,12 +54,12 @@ enum {
 /* ---- Frame status bits (kvr_frame_data.status) ------------------------- */
 
 enum {
-  KVR_AFE_STATUS_IDLE = 0x01,               /* idle scan */
-  KVR_AFE_STATUS_ACTIVE = 0x02,             /* active scan */
-  KVR_AFE_STATUS_SHIFT_DONE = 0x04,         /* frequency and/or rate shift completed */
-  KVR_AFE_STATUS_CALIBRATION_DONE = 0x08,   /* calibration done; clear with 8 */
-  KVR_AFE_STATUS_SOS = 0x40,                /* empty frame after a recovery reset */
-  KVR_AFE_STATUS_RECAL_REQUEST = 0x80,      /* recalibration requested */
+  KVR_AFE_STATUS_IDLE = 0x01,                     /* idle scan */
+  KVR_AFE_STATUS_ACTIVE = 0x02,                   /* active scan */
+  KVR_AFE_STATUS_SHIFT_DONE = 0x04,               /* frequency and/or rate shift completed */
+  KVR_AFE_STATUS_CALIBRATION_DONE = 0x08,         /* calibration done; clear with 8 */
+  KVR_AFE_STATUS_SOS = 0x40,                      /* empty frame after a recovery reset */
+  KVR_AFE_STATUS_RECAL_REQUEST = 0x80,            /* recalibration requested */
   KVR_AFE_STATUS_IDLE_BASELINE_RESET_DONE = 0x100 /* accepted by kvr_afe_clear_status */
 };
 
@@ -92,25 +92,25 @@ typedef struct kvr_frame_data {
 
 /* Hardware capability, refreshed by kvr_afe_get_hw_cap. */
 typedef struct kvr_hw_cap {
-  uint16_t force_len;     /* force channels */
-  uint16_t sense_len;     /* sense channels */
-  uint8_t reserved0;      /* 0 */
-  uint8_t reserved1;      /* 0 */
-  uint8_t channel_const;  /* 34 */
-  uint16_t value_4200;    /* 4200 */
-  uint8_t freq_count;     /* number of scan frequencies */
-  uint16_t *freq_list;    /* scan frequencies in kHz */
-  uint8_t rate_count;     /* number of scan rates (2) */
-  uint16_t *rate_list;    /* scan rates in Hz: 120, 180 */
-  uint32_t word0;         /* 0 */
-  uint32_t word1;         /* 2 */
+  uint16_t force_len;          /* force channels */
+  uint16_t sense_len;          /* sense channels */
+  uint8_t reserved0;           /* 0 */
+  uint8_t reserved1;           /* 0 */
+  uint8_t channel_const;       /* 34 */
+  uint16_t value_4200;         /* 4200 */
+  uint8_t freq_count;          /* number of scan frequencies */
+  uint16_t *freq_list;         /* scan frequencies in kHz */
+  uint8_t rate_count;          /* number of scan rates (2) */
+  uint16_t *rate_list;         /* scan rates in Hz: 120, 180 */
+  uint32_t word0;              /* 0 */
+  uint32_t word1;              /* 2 */
   uint32_t calibration_enable; /* 0: calibration requests are skipped */
-  uint32_t word3;         /* 0 */
-  uint32_t word4;         /* 2 */
-  uint32_t word5;         /* 1 */
-  uint64_t qword0;        /* 0 */
-  uint64_t qword1;        /* 0 */
-  uint64_t qword2[2];     /* 0 */
+  uint32_t word3;              /* 0 */
+  uint32_t word4;              /* 2 */
+  uint32_t word5;              /* 1 */
+  uint64_t qword0;             /* 0 */
+  uint64_t qword1;             /* 0 */
+  uint64_t qword2[2];          /* 0 */
 } kvr_hw_cap;
 
 /* Identity strings; each field is at most 32 characters and is not
@@ -184,11 +184,11 @@ KVR_AFE_API uint32_t kvr_afe_start_autotune(void);     /* WORKING, else 4 */
 KVR_AFE_API uint32_t kvr_afe_clear_status(uint32_t bits);
 KVR_AFE_API uint32_t kvr_afe_set_baseline_update_interval(uint16_t value); /* else 4 */
 KVR_AFE_API uint32_t kvr_afe_set_idle_touch_threshold(uint16_t value);     /* else 4 */
-KVR_AFE_API uint32_t kvr_afe_reset_idle_baseline(void);           /* WORKING, else 7 */
-KVR_AFE_API uint32_t kvr_afe_enter_idle(void);                    /* WORKING, else 7 */
-KVR_AFE_API uint32_t kvr_afe_force_exit_idle(void);               /* WORKING, else 7 */
-KVR_AFE_API uint32_t kvr_afe_force_to_freq_point(uint8_t index);  /* WORKING, else 7 */
-KVR_AFE_API uint32_t kvr_afe_force_to_scan_rate(uint8_t index);   /* WORKING, else 7 */
+KVR_AFE_API uint32_t kvr_afe_reset_idle_baseline(void);                    /* WORKING, else 7 */
+KVR_AFE_API uint32_t kvr_afe_enter_idle(void);                             /* WORKING, else 7 */
+KVR_AFE_API uint32_t kvr_afe_force_exit_idle(void);                        /* WORKING, else 7 */
+KVR_AFE_API uint32_t kvr_afe_force_to_freq_point(uint8_t index);           /* WORKING, else 7 */
+KVR_AFE_API uint32_t kvr_afe_force_to_scan_rate(uint8_t index);            /* WORKING, else 7 */
 /* Any state: store the calibration-data callback pair. 0. */
 KVR_AFE_API uint32_t kvr_afe_set_calib_data_callback_func(kvr_afe_calib_data_func first_func,
                                                           kvr_afe_calib_data_func second_func);

@@ -62,7 +62,9 @@ std::vector<std::string> log_messages() {
   return out;
 }
 
-bool logged(const std::string &text) { return count_logged(text) > 0; }
+bool logged(const std::string &text) {
+  return count_logged(text) > 0;
+}
 
 bool logged(const std::string &tag, const std::string &text) {
   for (const auto &line : log_lines()) {
