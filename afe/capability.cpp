@@ -1,8 +1,8 @@
 // Hardware capability, wake-up gesture, the entry points kept only for
 // interface compatibility, and the exported integer square root.
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 kvr_hw_cap *kvr_afe_get_hw_cap() {
   NLOG(LOG_LEVEL_ENTRY, __func__, "IN");

@@ -11,9 +11,9 @@
 #include <cstdint>
 
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/export.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 // Command indices; the index is also the execution order of a full pass.
 enum CMD_EXCUTE_ORDER : uint32_t {

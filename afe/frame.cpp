@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 // Records handed to the caller; each stays valid until it is filled again.
 kvr_frame_data frame_data;

@@ -2,9 +2,9 @@
 // time-out around the run; the run itself and its buffers are the chip
 // side's.
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 uint32_t kvr_afe_inspect() {
   NLOG(LOG_LEVEL_ENTRY, __func__, "IN");

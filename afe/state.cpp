@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 std::atomic<uint32_t> gu32AFEStatus{KVR_STATE_CLOSED};
 std::atomic<uint8_t> wakeup_gesture{0};

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "chip/ops/frame_parse.h"
 #include "sim/sim.h"
-#include "vendor/ops/frame_parse.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/vendor.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <cmath>
 
+#include "chip/ops/frame_parse.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "vendor/ops/frame_parse.h"
 
 namespace bench {
 

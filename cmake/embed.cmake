@@ -13,7 +13,7 @@
 # header: the build refuses an image whose signature or format version is
 # wrong, whose section lengths run past its end, or that is too short to hold
 # the flash geometry bytes. The library checks the same rules at run time in
-# fw_image_check (vendor/firmware/fw_image.cpp), for images that come from
+# fw_image_check (chip/firmware/fw_image.cpp), for images that come from
 # outside the build.
 
 # ---- Firmware image header rules -------------------------------------------

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "afe/afe.h"
+#include "chip/ops/lifecycle.h"
 #include "support/fixture.h"
-#include "vendor/ops/lifecycle.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "afe/afe.h"
+#include "chip/ops/lifecycle.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/ops/lifecycle.h"
 
 namespace {
 

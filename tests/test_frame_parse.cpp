@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/vendor.h"
 
 namespace {
 

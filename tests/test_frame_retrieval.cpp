@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "afe/afe.h"
+#include "chip/chip.h"
+#include "chip/ops/lifecycle.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
 #include "support/fixture.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/vendor.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
+#include "chip/chip.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
 #include "support/fixture.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/vendor.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <numeric>
 
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <tuple>
 #include <vector>
 
+#include "chip/firmware/fw_image.h"
 #include "support/fixture.h"
-#include "vendor/firmware/fw_image.h"
 
 namespace {
 

@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "afehal/afehal.h"
+#include "chip/firmware/fw_image.h"
+#include "chip/firmware/fw_update.h"
+#include "chip/transport/host_data.h"
 #include "platform/log.h"
 #include "platform/os.h"
 #include "support/fixture.h"
-#include "vendor/firmware/fw_image.h"
-#include "vendor/firmware/fw_update.h"
-#include "vendor/transport/host_data.h"
 
 namespace {
 

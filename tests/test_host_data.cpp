@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "chip/transport/host_data.h"
 #include "platform/ioctrl.h"
 #include "platform/os.h"
 #include "support/fixture.h"
-#include "vendor/transport/host_data.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 #include <tuple>
 #include <vector>
 
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/host_data.h"
 #include "support/fixture.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/vendor.h"
 
 namespace {
 

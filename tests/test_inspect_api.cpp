@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "afe/afe.h"
+#include "chip/inspect/inspect.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/inspect/inspect.h"
 
 namespace {
 

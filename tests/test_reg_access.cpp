@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <functional>
 
+#include "chip/transport/reg_access.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/transport/reg_access.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Chip side of start and screen off, identity strings, the capability record.
 #include <cerrno>
 
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/host_data.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/vendor.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "afehal/afehal.h"
+#include "chip/ops/frame_parse.h"
 #include "tools/tool.h"
-#include "vendor/ops/frame_parse.h"
 
 namespace tool {
 

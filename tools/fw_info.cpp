@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "chip/firmware/fw_image.h"
 #include "tools/tool.h"
-#include "vendor/firmware/fw_image.h"
 
 namespace tool {
 

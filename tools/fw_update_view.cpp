@@ -8,9 +8,9 @@
 #include <string_view>
 
 #include "afehal/afehal.h"
+#include "chip/firmware/fw_image.h"
+#include "chip/firmware/fw_update.h"
 #include "tools/tool.h"
-#include "vendor/firmware/fw_image.h"
-#include "vendor/firmware/fw_update.h"
 
 namespace tool {
 

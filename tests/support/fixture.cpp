@@ -3,9 +3,9 @@
 #include <mutex>
 
 #include "afe/afe.h"
+#include "chip/chip.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/vendor.h"
 
 namespace {
 

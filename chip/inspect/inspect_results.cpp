@@ -1,10 +1,10 @@
 // The inspection's result buffers and their getters, and the entry of the
 // inspection run.
 #include "afehal/afehal.h"
+#include "chip/chip.h"
+#include "chip/inspect/inspect.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/inspect/inspect.h"
-#include "vendor/vendor.h"
 
 std::array<uint16_t, INSPECT_GRID_SIZE> inspect_grid_data{};
 std::array<uint16_t, INSPECT_LINE_SIZE> inspect_line_data{};

@@ -1,14 +1,14 @@
-#include "vendor/transport/fw_cmd.h"
+#include "chip/transport/fw_cmd.h"
 
 #include <array>
 #include <cstdio>
 
+#include "chip/chip.h"
+#include "chip/transport/host_data.h"
+#include "chip/transport/reg_access.h"
+#include "chip/transport/work_point.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/transport/reg_access.h"
-#include "vendor/vendor.h"
 
 const int32_t max_retry = 1;
 std::atomic<uint8_t> sos_flag{0};

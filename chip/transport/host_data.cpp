@@ -1,11 +1,11 @@
-#include "vendor/transport/host_data.h"
+#include "chip/transport/host_data.h"
 
 #include <array>
 
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/reg_access.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/transport/reg_access.h"
 
 chip_info info{};
 chip_info sys_info{};

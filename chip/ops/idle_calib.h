@@ -1,5 +1,5 @@
 // Idle scanning, calibration, autotune and the frame time-out diagnosis.
-// The operations the AFE layer calls are declared in vendor/vendor.h; this
+// The operations the AFE layer calls are declared in chip/chip.h; this
 // header holds what else the module owns.
 #pragma once
 

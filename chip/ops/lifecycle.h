@@ -5,22 +5,11 @@
 #include <cstdint>
 
 #include "afehal/afehal.h"
-
-constexpr int WORK_PARM_SIZE = 10;
-constexpr uint8_t WORK_PARM_NO_REQUEST = 0xFF;
-// work_parm bytes.
-constexpr int WP_AUTO_SHIFT_DISABLED = 0;
-constexpr int WP_FREQ_INDEX = 1;
-constexpr int WP_RATE_INDEX = 2;
+#include "chip/transport/work_point.h"
 
 constexpr const char *DEFAULT_PROJECT = "Q7429K0400";
 constexpr int PROJECT_ID_LEN = 10;
 
-// Current working point: byte 0 automatic shift disabled, 1 frequency
-// index, 2 rate index. Shared by the frame thread and the control thread.
-extern std::atomic<uint8_t> work_parm[WORK_PARM_SIZE];
-// Requested working point: bytes 1 and 2, 0xFF for no request.
-extern std::atomic<uint8_t> work_parm_request[WORK_PARM_SIZE];
 extern std::atomic<uint8_t> m_need_update_param;
 // Consecutive frame time-outs while working.
 extern std::atomic<uint32_t> etimeout_cnt;
@@ -46,8 +35,6 @@ uint8_t cap_rate_count();
 int32_t cap_freq(uint32_t index);
 int32_t cap_rate(uint32_t index);
 
-// Resets the working point, the CRC table and the calibration flags.
-void init_work_parm();
 // count frequencies in kHz from the configuration space; NULL on failure.
 uint16_t *get_available_scan_freq(int32_t count);
 uint8_t get_scan_freq_index(uint16_t freq);

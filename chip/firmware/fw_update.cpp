@@ -1,15 +1,15 @@
-#include "vendor/firmware/fw_update.h"
+#include "chip/firmware/fw_update.h"
 
 #include <array>
 #include <cstring>
 
+#include "chip/chip.h"
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/host_data.h"
+#include "chip/transport/reg_access.h"
 #include "platform/heap.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/transport/reg_access.h"
-#include "vendor/vendor.h"
 
 // The update is rare and its progress matters in the field, so its progress
 // lines go out at error level (sink and Android log) through log_error;

@@ -2,7 +2,7 @@
 // they are handed to the service. The mutual table is the panel's
 // calibration data (one factor per node, force-row major); the self tables
 // hold one factor per channel.
-#include "vendor/ops/frame_parse.h"
+#include "chip/ops/frame_parse.h"
 
 // clang-format off
 const float gain_ms[PANEL_FORCE * PANEL_SENSE] = {

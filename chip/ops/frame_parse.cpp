@@ -1,20 +1,18 @@
 // One raw frame from the driver: its checks (tag, counter echo, CRC), the
 // bookkeeping of lost frames and working-point shifts, and its conversion
 // into the service's frame record.
-#include "vendor/ops/frame_parse.h"
+#include "chip/ops/frame_parse.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 
+#include "chip/chip.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/vendor.h"
 
-std::atomic<uint8_t> calibration_done{0};
-std::atomic<uint8_t> recal_request{0};
 std::atomic<uint32_t> crc_error_count{0};
 
 namespace {

@@ -1,21 +1,18 @@
-#include "vendor/ops/lifecycle.h"
+#include "chip/ops/lifecycle.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/host_data.h"
+#include "chip/transport/reg_access.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/transport/reg_access.h"
-#include "vendor/vendor.h"
 
-std::atomic<uint8_t> work_parm[WORK_PARM_SIZE];
-std::atomic<uint8_t> work_parm_request[WORK_PARM_SIZE] = {0x00, WORK_PARM_NO_REQUEST,
-                                                          WORK_PARM_NO_REQUEST};
 std::atomic<uint8_t> m_need_update_param{0};
 std::atomic<uint32_t> etimeout_cnt{0};
 std::atomic<uint32_t> wakeup_gesture_flag{0};
@@ -64,14 +61,6 @@ void set_project(const char *project) {
   memcpy(project_id, project, strnlen(project, PROJECT_ID_LEN));
 }
 
-void reset_work_parm_request() {
-  for (auto &b : work_parm_request) {
-    b.store(0);
-  }
-  work_parm_request[WP_FREQ_INDEX].store(WORK_PARM_NO_REQUEST);
-  work_parm_request[WP_RATE_INDEX].store(WORK_PARM_NO_REQUEST);
-}
-
 } // namespace
 
 uint32_t vendor_open_project(const char *project) {
@@ -82,16 +71,6 @@ uint32_t vendor_open_project(const char *project) {
 
 uint32_t vendor_afe_close() {
   return 0;
-}
-
-void init_work_parm() {
-  for (auto &b : work_parm) {
-    b.store(0);
-  }
-  reset_work_parm_request();
-  build_crc_table();
-  recal_request.store(0);
-  calibration_done.store(0);
 }
 
 uint32_t vendor_afe_start() {

@@ -12,8 +12,8 @@
 #include <bit>
 #include <cstring>
 
+#include "chip/transport/work_point.h"
 #include "platform/log.h"
-#include "vendor/ops/frame_parse.h"
 
 uint32_t crc_table[256];
 

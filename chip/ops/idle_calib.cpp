@@ -2,19 +2,19 @@
 // exit, the idle frame interval, status acknowledgement, calibration,
 // autotune, the parameter sync hook, and the diagnosis after a frame
 // time-out, which escalates to SOS when the time-outs keep coming.
-#include "vendor/ops/idle_calib.h"
+#include "chip/ops/idle_calib.h"
 
 #include <cstdint>
 
+#include "chip/chip.h"
+#include "chip/ops/frame_parse.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/host_data.h"
+#include "chip/transport/reg_access.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "vendor/ops/frame_parse.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/transport/host_data.h"
-#include "vendor/transport/reg_access.h"
-#include "vendor/vendor.h"
 
 calib_data_ops autotune_ops;
 

@@ -4,10 +4,10 @@
 // by clearing status 0x04.
 #include <cstdint>
 
+#include "chip/chip.h"
+#include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
 #include "platform/log.h"
-#include "vendor/ops/lifecycle.h"
-#include "vendor/transport/fw_cmd.h"
-#include "vendor/vendor.h"
 
 namespace {
 

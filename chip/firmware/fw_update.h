@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "vendor/firmware/fw_image.h"
+#include "chip/firmware/fw_image.h"
 
 // IC addresses of the flash programming path.
 constexpr uint32_t FLASH_RAM_BUFFER = 0x00100000;  // staging buffer of one chunk

@@ -5,14 +5,13 @@
 #include <cstdint>
 
 #include "afehal/afehal.h"
+#include "chip/transport/work_point.h"
 #include "platform/export.h"
 
 constexpr uint32_t FRAME_BUFFER_SIZE = 3000;
 constexpr uint32_t FRAME_MUTUAL_CAPACITY = 3000;
 constexpr uint32_t FRAME_SELF_CAPACITY = 1000;
 constexpr uint32_t FRAME_HEADER_SIZE = 64;
-constexpr uint32_t CRC_START = 20;
-constexpr uint32_t CRC_POLYNOMIAL = 0xE89061DB;
 
 // This panel.
 constexpr uint8_t PANEL_FORCE = 16;
@@ -27,15 +26,9 @@ extern const float gain_ms[PANEL_FORCE * PANEL_SENSE];
 extern const float gain_ss_force[PANEL_FORCE];
 extern const float gain_ss_sense[PANEL_SENSE];
 
-extern uint32_t crc_table[256];
-// Set by a successful calibration, cleared by status 8.
-extern std::atomic<uint8_t> calibration_done;
-extern std::atomic<uint8_t> recal_request;
 // Frames rejected for their CRC since load.
 extern std::atomic<uint32_t> crc_error_count;
 
-void build_crc_table();
-uint32_t calculate_crc(const uint8_t *bytes, uint32_t length);
 // Mutual-style conversion with a chosen gain table and an added offset.
 void frame_process(const uint8_t *src, uint16_t *dest, uint8_t force, uint8_t sense,
                    uint32_t offset, int32_t gain_index);

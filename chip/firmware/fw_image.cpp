@@ -1,4 +1,4 @@
-#include "vendor/firmware/fw_image.h"
+#include "chip/firmware/fw_image.h"
 
 #include <cstdarg>
 #include <cstdio>

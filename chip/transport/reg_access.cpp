@@ -1,4 +1,4 @@
-#include "vendor/transport/reg_access.h"
+#include "chip/transport/reg_access.h"
 
 #include <cstring>
 
