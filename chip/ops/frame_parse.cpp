@@ -347,7 +347,8 @@ void frame_parse_reset_state() {
   crc_error_count.store(0);
   calibration_done.store(0);
   recal_request.store(0);
-  build_crc_table();
+  // At load the table is empty; the start sequence or a reset builds it.
+  clear_crc_table();
   std::memset(mutual_out, 0, sizeof mutual_out);
   std::memset(self_out, 0, sizeof self_out);
   std::memset(frame_buffer, 0, sizeof frame_buffer);

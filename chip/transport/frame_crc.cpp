@@ -84,6 +84,11 @@ void build_crc_table() {
   }
 }
 
+void clear_crc_table() {
+  std::memset(crc_table, 0, sizeof crc_table);
+  std::memset(crc_slice, 0, sizeof crc_slice);
+}
+
 uint32_t calculate_crc(const uint8_t *bytes, uint32_t length) {
   NLOG(LOG_LEVEL_TRACE, "calculate_crc", "Buffer total length = %d", static_cast<int>(length));
   if (bytes == nullptr || length <= CRC_START) {

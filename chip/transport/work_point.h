@@ -31,6 +31,8 @@ constexpr uint32_t CRC_START = 20;
 constexpr uint32_t CRC_POLYNOMIAL = 0xE89061DB;
 extern uint32_t crc_table[256];
 void build_crc_table();
+// Back to the load-time state: every entry zero (tests only).
+void clear_crc_table();
 uint32_t calculate_crc(const uint8_t *bytes, uint32_t length);
 
 // Marks both requested indices as "no request".

@@ -14,13 +14,28 @@
 std::vector<std::string> log_lines();
 // Only the message part of each line (what follows "[tag] ", no newline).
 std::vector<std::string> log_messages();
-// True when some message equals text exactly.
-bool logged(const std::string &text);
-// True when some message under tag equals text exactly.
-bool logged(const std::string &tag, const std::string &text);
-// Number of messages equal to text.
-int count_logged(const std::string &text);
 void clear_log();
+
+// Log assertions. Every line the library writes has a level; an error
+// (level 1) is also copied to the Android log with priority 6 and tag
+// "afehal", and nothing below error level ever is. The assertions check both
+// sides, so a line moved to another level, or an error written without its
+// Android copy, fails the test.
+//
+// An error: a level-1 sink line with this text (under tag, when given) and
+// an Android copy with the same text.
+::testing::AssertionResult logged_error(const std::string &text);
+::testing::AssertionResult logged_error(const std::string &tag, const std::string &text);
+// A line at this level (2..5) with this text, and no Android copy of it.
+::testing::AssertionResult logged_at(int level, const std::string &text);
+::testing::AssertionResult logged_at(int level, const std::string &tag, const std::string &text);
+// Number of sink lines at this level with exactly this text.
+int count_logged(int level, const std::string &text);
+// Number of sink lines at this level whose text begins with prefix.
+int count_logged_starting(int level, const std::string &prefix);
+// True when text was written at any level or to the Android log: for
+// asserting that something was *not* said.
+bool mentioned(const std::string &text);
 
 // Android log copies with priority 6 and tag "afehal" (their texts).
 std::vector<std::string> android_errors();
@@ -35,6 +50,10 @@ protected:
   void open_and_start();
   // Heap blocks held by the library when the test began.
   size_t heap_at_start_ = 0;
+  // TearDown checks that the sink's level-1 lines and the Android copies
+  // pair up one to one. Tests that change the log level or remove the sink
+  // turn this off.
+  bool check_android_pairing_ = true;
 };
 
 // Resets every module of the library to its load-time state.
@@ -42,8 +61,6 @@ void reset_library_state();
 
 // The last error copied to the Android log, "" when none.
 std::string last_error();
-// Number of captured messages beginning with prefix.
-int messages_starting(const std::string &prefix);
 // The bytes sent by each recorded SPI transfer, less those whose first byte
 // is skip (0..255; -1 keeps them all).
 std::vector<std::vector<uint8_t>> spi_sent(int skip = -1);
