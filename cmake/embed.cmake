@@ -15,6 +15,18 @@
 # the flash geometry bytes. The library checks the same rules at run time in
 # fw_image_check (chip/firmware/fw_image.cpp), for images that come from
 # outside the build.
+#
+# A file embedded with CHECK limits must be a test-limits text whose tables
+# the inspection can read: only the characters of its grammar, CR LF line
+# ends, and for each label the inspection looks up, a label line
+# "*LABEL,rows,cols" found where the library's search finds it (the first
+# occurrence of the label's text) followed by rows lines of cols integers.
+
+# Run with cmake -P there is no project to set the policies: keep empty list
+# elements (the empty fields of the limits text) as the configure step does.
+if(CMAKE_SCRIPT_MODE_FILE)
+  cmake_policy(VERSION 3.25)
+endif()
 
 # ---- Firmware image header rules -------------------------------------------
 
@@ -71,14 +83,159 @@ function(afehal_fw_image_problem hex size out)
   set(${out} "" PARENT_SCOPE)
 endfunction()
 
+# ---- Test-limits rules ------------------------------------------------------
+
+# The labels the inspection tests read.
+set(AFEHAL_LIMITS_REQUIRED_LABELS
+  MS_RAW_ITO_DATA_MIN MS_RAW_ITO_DATA_MAX MS_RAW_DATA_EACH_MIN MS_RAW_DATA_EACH_MAX
+  MS_RAW_NOISE_DATA_DELTA MS_TOUCH_LOWPOWER_TOTAL_CX_MAX SS_TOUCH_ACTIVE_TOTAL_IX_FORCE_MAX
+  SS_TOUCH_ACTIVE_TOTAL_IX_SENSE_MAX SS_DETECT_TOTAL_IX_FORCE_MAX SS_DETECT_TOTAL_IX_SENSE_MAX)
+
+# Line number (from 1) of character `pos` of `text`.
+function(_afehal_line_of text pos out)
+  string(SUBSTRING "${text}" 0 ${pos} before)
+  string(REGEX MATCHALL "\n" breaks "${before}")
+  list(LENGTH breaks n)
+  math(EXPR line "${n} + 1")
+  set(${out} ${line} PARENT_SCOPE)
+endfunction()
+
+# Sets `out` to "" when the table of `label` is where the search finds it
+# and holds the values its label line declares, else to the reason.
+function(_afehal_limits_table_problem text label out)
+  string(FIND "${text}" "${label}" pos)
+  if(pos EQUAL -1)
+    set(${out} "label ${label} is missing" PARENT_SCOPE)
+    return()
+  endif()
+  _afehal_line_of("${text}" ${pos} line)
+  # The search takes the first occurrence of the text: it must be the label
+  # field itself, "*LABEL," at the start of a line.
+  math(EXPR star "${pos} - 1")
+  set(before_star "\n")
+  if(star GREATER 0)
+    math(EXPR at "${star} - 1")
+    string(SUBSTRING "${text}" ${at} 1 before_star)
+  endif()
+  string(LENGTH "${label}" label_len)
+  math(EXPR after "${pos} + ${label_len}")
+  string(SUBSTRING "${text}" ${after} 1 next_char)
+  set(star_char "")
+  if(star GREATER_EQUAL 0)
+    string(SUBSTRING "${text}" ${star} 1 star_char)
+  endif()
+  if(NOT star_char STREQUAL "*" OR NOT before_star STREQUAL "\n" OR NOT next_char STREQUAL ",")
+    set(${out} "the first occurrence of ${label} (line ${line}) is not its label line *${label}" PARENT_SCOPE)
+    return()
+  endif()
+  string(SUBSTRING "${text}" ${star} -1 rest)
+  string(REPLACE "\n" ";" lines "${rest}")
+  list(GET lines 0 label_line)
+  string(REGEX MATCH "^\\*${label},([0-9]+),([0-9]+)(,*)$" shape "${label_line}")
+  if(NOT shape OR CMAKE_MATCH_1 EQUAL 0 OR CMAKE_MATCH_2 EQUAL 0)
+    set(${out} "label ${label} (line ${line}) declares no rows,cols shape" PARENT_SCOPE)
+    return()
+  endif()
+  set(rows ${CMAKE_MATCH_1})
+  set(cols ${CMAKE_MATCH_2})
+  set(value "[ ]*[-+]?[0-9]+[ ]*")
+  math(EXPR more "${cols} - 1")
+  string(REPEAT ",${value}" ${more} others)
+  list(LENGTH lines available)
+  foreach(row RANGE 1 ${rows})
+    math(EXPR row_line "${line} + ${row}")
+    if(row GREATER_EQUAL available)
+      set(${out} "table ${label} (${rows} x ${cols}) ends at line ${row_line}, before its row ${row}" PARENT_SCOPE)
+      return()
+    endif()
+    list(GET lines ${row} data_line)
+    if(NOT data_line MATCHES "^${value}${others}(,[ ]*)*$")
+      set(${out} "table ${label} (${rows} x ${cols}): line ${row_line} does not hold ${cols} integers" PARENT_SCOPE)
+      return()
+    endif()
+  endforeach()
+  set(${out} "" PARENT_SCOPE)
+endfunction()
+
+# Number of CR LF pairs in `hex` (a file as lower-case hex digits). Counted
+# on the hex text: in a file of ASCII bytes "0d0a" cannot straddle two bytes.
+function(afehal_count_crlf hex out)
+  string(REGEX MATCHALL "0d0a" pairs "${hex}")
+  list(LENGTH pairs n)
+  set(${out} ${n} PARENT_SCOPE)
+endfunction()
+
+# Sets `out` to "" when a limits text is acceptable, else to the reason.
+# `text` is the file as CMake reads it (without its CRs, cut at a NUL),
+# `size` its length on disk and `crlf` its number of CR LF pairs.
+function(afehal_limits_problem text size crlf out)
+  string(REGEX MATCH "[^\n*,+ 0-9A-Za-z_-]" stray "${text}")
+  if(NOT stray STREQUAL "")
+    string(FIND "${text}" "${stray}" at)
+    _afehal_line_of("${text}" ${at} line)
+    set(${out} "line ${line} holds a character outside the limits grammar" PARENT_SCOPE)
+    return()
+  endif()
+  string(LENGTH "${text}" length)
+  string(REGEX MATCHALL "\n" breaks "${text}")
+  list(LENGTH breaks lines)
+  if(lines GREATER crlf)
+    math(EXPR bare "${lines} - ${crlf}")
+    set(${out} "${bare} of the ${lines} lines do not end in CR LF" PARENT_SCOPE)
+    return()
+  endif()
+  math(EXPR expected "${length} + ${crlf}")
+  if(NOT size EQUAL expected OR NOT text MATCHES "\n$")
+    set(${out} "the text holds a NUL byte, a CR outside a line end or an unended last line" PARENT_SCOPE)
+    return()
+  endif()
+  foreach(label ${AFEHAL_LIMITS_REQUIRED_LABELS})
+    _afehal_limits_table_problem("${text}" ${label} problem)
+    if(problem)
+      set(${out} "${problem}" PARENT_SCOPE)
+      return()
+    endif()
+  endforeach()
+  set(${out} "" PARENT_SCOPE)
+endfunction()
+
+# Damages `text` as the self-test `what` says (the limits text of data/).
+function(_afehal_limits_corrupt text what out)
+  if(what STREQUAL "missing_label")
+    string(REPLACE "*MS_RAW_NOISE_DATA_DELTA," "*MS_RAW_NOISE_DELTA," text "${text}")
+  elseif(what STREQUAL "short_table")
+    # The last row of the ITO maxima goes: the next label follows too soon.
+    string(FIND "${text}" "*MS_RAW_ITO_DATA_ADJ_HORIZONTAL," next)
+    string(SUBSTRING "${text}" 0 ${next} head)
+    string(SUBSTRING "${text}" ${next} -1 tail)
+    string(REGEX REPLACE "\n[^\n]*\n$" "\n" head "${head}")
+    set(text "${head}${tail}")
+  elseif(what STREQUAL "bad_value")
+    string(FIND "${text}" "*MS_RAW_NOISE_DATA_DELTA," at)
+    string(SUBSTRING "${text}" 0 ${at} head)
+    string(SUBSTRING "${text}" ${at} -1 tail)
+    string(REGEX REPLACE "\n150," "\n15a," tail "${tail}")
+    set(text "${head}${tail}")
+  elseif(what STREQUAL "label_inside_longer")
+    string(REPLACE "*VERSION," "*SS_DETECT_TOTAL_IX_SENSE_MAX_V," text "${text}")
+  elseif(what STREQUAL "lf_only")
+    # Handled by the caller: the CRs are not in the text CMake reads.
+  else()
+    message(FATAL_ERROR "embed self-test: unknown corruption '${what}'")
+  endif()
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
 # ---- Script mode: check and convert one file --------------------------------
 #
 #   -DINPUT=file -DOUTPUT=source -DSYMBOL=name -DSIZE_SYMBOL=name
-#   [-DELEMENT_TYPE=uint8_t] [-DSIZE_TYPE=uint32_t] [-DEXPORT=ON] [-DCHECK=fw_image]
+#   [-DELEMENT_TYPE=uint8_t] [-DSIZE_TYPE=uint32_t] [-DEXPORT=ON]
+#   [-DCHECK=fw_image|limits]
 #
 # Self-test of the image rules (run by ctest): -DINPUT=image -DCORRUPT=what
 # damages an in-memory copy of a good image and succeeds only when the rules
-# refuse it; the reason is printed for the test to match.
+# refuse it; the reason is printed for the test to match. With -DCHECK=limits
+# the same is done to a limits text.
 
 if(CMAKE_SCRIPT_MODE_FILE)
   if(NOT DEFINED INPUT OR NOT EXISTS "${INPUT}")
@@ -87,6 +244,31 @@ if(CMAKE_SCRIPT_MODE_FILE)
   file(READ "${INPUT}" hex HEX)
   string(LENGTH "${hex}" digits)
   math(EXPR size "${digits} / 2")
+
+  if(DEFINED CORRUPT AND CHECK STREQUAL "limits")
+    file(READ "${INPUT}" text)
+    afehal_count_crlf("${hex}" crlf)
+    afehal_limits_problem("${text}" ${size} ${crlf} problem)
+    if(problem)
+      message(FATAL_ERROR "embed self-test: the unmodified limits text is already refused: ${problem}")
+    endif()
+    _afehal_limits_corrupt("${text}" ${CORRUPT} text)
+    # Every line of the damaged text keeps its CR LF, unless the damage is
+    # to lose them.
+    string(REGEX MATCHALL "\n" breaks "${text}")
+    list(LENGTH breaks crlf)
+    if(CORRUPT STREQUAL "lf_only")
+      set(crlf 0)
+    endif()
+    string(LENGTH "${text}" length)
+    math(EXPR size "${length} + ${crlf}")
+    afehal_limits_problem("${text}" ${size} ${crlf} problem)
+    if(NOT problem)
+      message(FATAL_ERROR "embed self-test: limits text with ${CORRUPT} was accepted")
+    endif()
+    message(STATUS "refused: ${problem}")
+    return()
+  endif()
 
   if(DEFINED CORRUPT)
     afehal_fw_image_problem("${hex}" ${size} problem)
@@ -160,6 +342,13 @@ if(CMAKE_SCRIPT_MODE_FILE)
     if(problem)
       message(FATAL_ERROR "refusing firmware image ${INPUT}: ${problem}")
     endif()
+  elseif(CHECK STREQUAL "limits")
+    file(READ "${INPUT}" text)
+    afehal_count_crlf("${hex}" crlf)
+    afehal_limits_problem("${text}" ${size} ${crlf} problem)
+    if(problem)
+      message(FATAL_ERROR "refusing test-limits text ${INPUT}: ${problem}")
+    endif()
   elseif(DEFINED CHECK AND NOT CHECK STREQUAL "")
     message(FATAL_ERROR "embed: unknown check '${CHECK}'")
   endif()
@@ -199,7 +388,7 @@ set(AFEHAL_EMBED_DIR ${CMAKE_BINARY_DIR}/embedded)
 file(MAKE_DIRECTORY ${AFEHAL_EMBED_DIR})
 
 # afehal_embed(FILE path SYMBOL name SIZE_SYMBOL name
-#              [ELEMENT_TYPE type] [SIZE_TYPE type] [EXPORT] [CHECK fw_image])
+#              [ELEMENT_TYPE type] [SIZE_TYPE type] [EXPORT] [CHECK fw_image|limits])
 # Generates <build>/embedded/<SYMBOL>.cpp from path at build time and appends
 # it to AFEHAL_EMBEDDED_SOURCES. EXPORT gives the array C linkage and default
 # visibility; the size constant stays internal to the library.
@@ -247,4 +436,27 @@ if(AFEHAL_TESTS)
   _afehal_fw_image_build_check(truncated "cx section of [0-9]+ bytes at offset [0-9]+ runs past")
   _afehal_fw_image_build_check(short_header "shorter than its 64-byte header")
   _afehal_fw_image_build_check(no_geometry "geometry bytes at offsets 280-283")
+endif()
+
+# The factory test limits, limit_file_data: a text, so an array of char.
+set(AFEHAL_TEST_LIMITS ${CMAKE_CURRENT_SOURCE_DIR}/data/test_limits.csv
+    CACHE FILEPATH "Test-limits text compiled into the library as limit_file_data")
+afehal_embed(FILE ${AFEHAL_TEST_LIMITS} SYMBOL limit_file_data SIZE_SYMBOL limit_file_size
+             ELEMENT_TYPE char EXPORT CHECK limits)
+
+# The limits rules of the build step, each checked against a damaged copy
+# of the text (ctest -R limits_build_check).
+if(AFEHAL_TESTS)
+  function(_afehal_limits_build_check what reason)
+    add_test(NAME limits_build_check.${what}
+      COMMAND ${CMAKE_COMMAND} -DINPUT=${AFEHAL_TEST_LIMITS} -DCHECK=limits -DCORRUPT=${what}
+              -P ${CMAKE_CURRENT_FUNCTION_LIST_FILE})
+    set_tests_properties(limits_build_check.${what} PROPERTIES
+      PASS_REGULAR_EXPRESSION "refused: [^\n]*${reason}" LABELS unit)
+  endfunction()
+  _afehal_limits_build_check(missing_label "label MS_RAW_NOISE_DATA_DELTA is missing")
+  _afehal_limits_build_check(short_table "table MS_RAW_ITO_DATA_MAX \\(16 x 34\\): line [0-9]+ does not hold 34")
+  _afehal_limits_build_check(bad_value "table MS_RAW_NOISE_DATA_DELTA \\(16 x 34\\): line [0-9]+ does not")
+  _afehal_limits_build_check(label_inside_longer "first occurrence of SS_DETECT_TOTAL_IX_SENSE_MAX \\(line 1\\)")
+  _afehal_limits_build_check(lf_only "335 of the 335 lines do not end in CR LF")
 endif()
