@@ -82,9 +82,12 @@ int spi_sync(unsigned long arg) {
   spi_transfer t;
   if (r.length > 0) {
     const auto *tx = reinterpret_cast<const uint8_t *>(r.first);
+    auto *rx = reinterpret_cast<uint8_t *>(r.second);
     t.tx.assign(tx, tx + r.length);
-    t.rx = ic_transfer(t.tx);
-    std::memcpy(reinterpret_cast<uint8_t *>(r.second), t.rx.data(), r.length);
+    // Bytes the chip does not drive keep what the host left there.
+    t.rx.assign(rx, rx + r.length);
+    ic_transfer(t.tx, t.rx);
+    std::memcpy(rx, t.rx.data(), r.length);
   }
   record_spi(std::move(t));
   return 0;

@@ -40,6 +40,10 @@ event_bytes events_pop() {
   return e;
 }
 
+event_bytes events_peek() {
+  return g_ic.events.empty() ? event_bytes{} : g_ic.events.front();
+}
+
 void events_flush() {
   g_ic.events.clear();
   g_ic.pending.clear();
@@ -64,6 +68,11 @@ void push_event(const std::vector<uint8_t> &event) {
 void set_echo_delay_ms(uint32_t ms) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_ic.echo_delay_us = int64_t{ms} * 1000;
+}
+
+void set_ready_delay_ms(uint32_t ms) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_ic.ready_delay_us = int64_t{ms} * 1000;
 }
 
 void drop_echoes(int times) {

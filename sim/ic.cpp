@@ -266,12 +266,13 @@ void system_reset() {
   events_schedule(clock_now() + g_ic.ready_delay_us, event_of({wire::kEvReady}));
 }
 
-std::vector<uint8_t> ic_transfer(const std::vector<uint8_t> &tx) {
-  std::vector<uint8_t> rx(tx.size(), 0);
+void ic_transfer(const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx) {
   const size_t n = tx.size();
   if (n == 0) {
-    return rx;
+    return;
   }
+  // Only the data phase of a read is driven by the chip; everything else
+  // (opcode, address, dummy byte, every byte of a write) leaves rx alone.
   switch (tx[0]) {
   case wire::kMemRead:
     if (n > 6) {
@@ -299,16 +300,18 @@ std::vector<uint8_t> ic_transfer(const std::vector<uint8_t> &tx) {
     }
     break;
   case wire::kEventRead:
+    // An event leaves the FIFO only once its eighth byte is clocked out; a
+    // read that stops short shows the head event and leaves it in place.
     for (size_t i = 2; i < n; i += wire::kEventSize) {
-      const event_bytes e = events_pop();
-      std::copy_n(e.begin(), std::min(e.size(), n - i), rx.begin() + static_cast<long>(i));
+      const size_t take = std::min(wire::kEventSize, n - i);
+      const event_bytes e = take == wire::kEventSize ? events_pop() : events_peek();
+      std::copy_n(e.begin(), take, rx.begin() + static_cast<long>(i));
     }
     break;
   default:
     fw_command(tx);
     break;
   }
-  return rx;
 }
 
 } // namespace sim::detail

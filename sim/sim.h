@@ -16,6 +16,11 @@
 //   off. Pointer records with a non-zero reserved word are refused
 //   (EINVAL), NULL buffers give EFAULT, transfers above 64 KiB EMSGSIZE.
 //   A successful ioctl returns 0.
+// - Wire: the chip drives only the data phase of a read (the bytes after
+//   the dummy byte); the opcode, address and dummy phases and every byte of
+//   a write reach the host's receive buffer as the host left it. An event
+//   leaves the FIFO once all 8 of its bytes are clocked out: a FIFO read
+//   that stops short shows the head event's first bytes and leaves it there.
 // - Chip: every firmware command but the host-data request (A4 06 t) and
 //   the frame-status request (C0 07) is echoed, unknown ones included.
 //   While the core is held (01 at 0x20000024) commands are ignored and no
@@ -79,7 +84,7 @@ std::vector<ioctl_record> ioctls(unsigned long request);
 
 struct spi_transfer {
   std::vector<uint8_t> tx; // what the host clocked out
-  std::vector<uint8_t> rx; // what the chip clocked back
+  std::vector<uint8_t> rx; // the host's receive buffer after the transfer
 };
 // Every SPI transfer that reached the IC.
 std::vector<spi_transfer> spi_transfers();
@@ -183,6 +188,8 @@ ic_state ic();
 
 // Echo delay of firmware commands (default 4 ms).
 void set_echo_delay_ms(uint32_t ms);
+// Delay of the controller-ready event after a system reset (default 10 ms).
+void set_ready_delay_ms(uint32_t ms);
 
 // IC faults. A command whose echo is dropped still takes effect; the
 // command after fatal_on_next_command is lost and answered by F2.

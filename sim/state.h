@@ -160,7 +160,9 @@ int driver_ioctl(std::unique_lock<std::mutex> &lock, int fd, unsigned long reque
 
 // ic.cpp
 void ic_reset_state();
-std::vector<uint8_t> ic_transfer(const std::vector<uint8_t> &tx);
+// One full-duplex transfer: rx holds what the host put in its receive
+// buffer and gets the bytes the chip drives; the rest stay as they were.
+void ic_transfer(const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx);
 void mem_store(uint32_t address, const uint8_t *bytes, size_t count);
 void mem_load(uint32_t address, uint8_t *out, size_t count);
 void system_reset();
@@ -173,6 +175,8 @@ void events_push(const event_bytes &event);
 void events_schedule(int64_t due_us, const event_bytes &event);
 void events_catch_up(int64_t now);
 event_bytes events_pop();
+// The head event without taking it (zeros when the FIFO is empty).
+event_bytes events_peek();
 void events_flush();
 
 // host_data.cpp
