@@ -1,8 +1,7 @@
-// Wake-up gesture arming, the calls kept for compatibility, the integer root.
+// Capability, wake-up gesture arming, the exported integer root.
 #include <algorithm>
 #include <cstdint>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "afe/afe.h"
@@ -11,58 +10,72 @@
 
 namespace {
 
+using bytes = std::vector<uint8_t>;
+
+int times_sent(const bytes &command) {
+  const auto sent = sim::fw_commands();
+  return static_cast<int>(std::count(sent.begin(), sent.end(), command));
+}
+
+TEST_F(SimTest, CapabilityComesFromTheChipConfiguration) {
+  open_and_start();
+  clear_log();
+  const kvr_hw_cap *cap = kvr_afe_get_hw_cap();
+  ASSERT_EQ(cap, &hw_cap);
+  EXPECT_EQ(std::vector<uint16_t>(cap->freq_list, cap->freq_list + cap->freq_count),
+            (std::vector<uint16_t>{160, 145, 133, 123}));
+  EXPECT_TRUE(logged_at(5, "kvr_afe_get_hw_cap", "OUT"));
+}
+
 TEST_F(SimTest, GestureReachesTheChipSideOnlyOnAChange) {
   open_and_start();
   clear_log();
   EXPECT_EQ(kvr_afe_enable_wakeup_gesture(1), 0u);
   EXPECT_EQ(kvr_afe_enable_wakeup_gesture(1), 0u);
-  EXPECT_EQ(count_logged("Gesture: 1"), 1);
-  EXPECT_EQ(count_logged("OUT"), 2);
+  EXPECT_EQ(count_logged(3, "Gesture: 1"), 1);
+  EXPECT_EQ(count_logged(5, "OUT"), 2);
   EXPECT_EQ(wakeup_gesture_flag.load(), 1u);
 
-  // Armed: screen-off keeps the panel scanning (no sense-off command).
+  // Armed: screen-off keeps the panel scanning (no sense-off command), and a
+  // start leaves the firmware alone (no chip-info request, no update check).
   sim::clear_recording();
+  ASSERT_EQ(kvr_afe_start(), 0u);
+  EXPECT_EQ(times_sent({0xA4, 0x06, 0x01}), 0);
+  EXPECT_FALSE(mentioned("Starting flash procedure.."));
   ASSERT_EQ(kvr_afe_screen_off(), 0u);
-  const auto commands = sim::fw_commands();
-  EXPECT_EQ(std::count(commands.begin(), commands.end(), std::vector<uint8_t>{0xA0, 0x00, 0x00}),
-            0);
+  EXPECT_EQ(times_sent({0xA0, 0x00, 0x00}), 0);
+  EXPECT_TRUE(sim::ic().sensing);
 
   // Disarmed in STANDBY, once.
+  clear_log();
   EXPECT_EQ(kvr_afe_disable_wakeup_gesture(), 0u);
   EXPECT_EQ(kvr_afe_disable_wakeup_gesture(), 0u);
-  EXPECT_EQ(count_logged("Disable wakeup gesture"), 1);
-  EXPECT_EQ(count_logged("OUT"), 5);
+  EXPECT_EQ(count_logged(3, "Disable wakeup gesture"), 1);
+  EXPECT_EQ(count_logged(5, "OUT"), 2);
   EXPECT_EQ(wakeup_gesture_flag.load(), 0u);
+  ASSERT_EQ(kvr_afe_screen_on(), 0u);
+  sim::clear_recording();
+  ASSERT_EQ(kvr_afe_start(), 0u);
+  EXPECT_TRUE(logged_error("fw_update", "Starting flash procedure.."));
+  EXPECT_EQ(times_sent({0xA4, 0x06, 0x01}), 1);
 
   // The low byte is stored but the whole value compared: 256 is a change
   // every time, and leaves nothing armed on this side.
+  clear_log();
   EXPECT_EQ(kvr_afe_enable_wakeup_gesture(256), 0u);
   EXPECT_EQ(kvr_afe_enable_wakeup_gesture(256), 0u);
-  EXPECT_EQ(count_logged("Gesture: 256"), 2);
+  EXPECT_EQ(count_logged(3, "Gesture: 256"), 2);
   EXPECT_EQ(wakeup_gesture_flag.load(), 256u);
-  EXPECT_EQ(wakeup_gesture.load(), 0);
   EXPECT_EQ(kvr_afe_disable_wakeup_gesture(), 0u);
-  EXPECT_EQ(count_logged("Disable wakeup gesture"), 1);
-}
-
-TEST_F(SimTest, DeprecatedCallsAnswerZeroEvenInClosedWithOneLineEach) {
-  EXPECT_EQ(kvr_afe_reset_freq_state(), 0u);
-  EXPECT_EQ(kvr_afe_set_freq_point_min_hold_time(65535), 0u);
-  EXPECT_EQ(kvr_afe_set_idle_scan_rate(200), 0u);
-  EXPECT_EQ(kvr_afe_start_freq_shift(), 0u);
-  EXPECT_EQ(kvr_afe_set_wakeup_gesture_scan_rate(7), 0u);
-  EXPECT_EQ(log_messages(),
-            (std::vector<std::string>{
-                "function is empty due to deprecation",
-                "function is empty due to deprecation. 65535", "function is empty: 200",
-                "this api has been deprecated, no need to implement it.", "function is empty: 7"}));
-  EXPECT_TRUE(logged("kvr_afe_set_idle_scan_rate", "function is empty: 200"));
-  EXPECT_TRUE(android_errors().empty());
-  EXPECT_TRUE(sim::ioctls().empty());
+  EXPECT_FALSE(mentioned("Disable wakeup gesture"));
 }
 
 TEST(Sqrt32, EdgeValues) {
   EXPECT_EQ(sqrt32(0), 0);
+  EXPECT_EQ(sqrt32(3), 1);
+  EXPECT_EQ(sqrt32(4), 2);
+  EXPECT_EQ(sqrt32((1u << 30) - 1), 32767);
+  EXPECT_EQ(sqrt32(1u << 30), 32768);
   EXPECT_EQ(sqrt32(0xFFFE0000u), 65534);
   EXPECT_EQ(sqrt32(0xFFFE0001u), 65535);
   EXPECT_EQ(sqrt32(0xFFFFFFFFu), 65535);
@@ -80,7 +93,7 @@ TEST(Sqrt32, PerfectSquaresTheirNeighboursAndRandomSamples) {
   }
   std::mt19937 rng(20240611);
   std::uniform_int_distribution<uint32_t> any;
-  for (int i = 0; i < 1000000; ++i) {
+  for (int i = 0; i < 200000; ++i) {
     const uint32_t x = any(rng);
     const uint64_t r = sqrt32(x);
     ASSERT_TRUE(r * r <= x && (r + 1) * (r + 1) > x) << x << " -> " << r;

@@ -1,15 +1,26 @@
-// The state machine: every entry point against every state, and the lifecycle.
+// The state machine: every entry point against every state, and the
+// lifecycle as the chip and the frame thread see it.
 #include <cerrno>
+#include <cstring>
 #include <string>
-#include <tuple>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "afe/afe.h"
+#include "chip/ops/idle_calib.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
+#include "platform/os.h"
 #include "support/fixture.h"
 
 namespace {
+
+using bytes = std::vector<uint8_t>;
+
+const bytes kSenseOn{0xA0, 0x03, 0x00};
+const bytes kSenseOff{0xA0, 0x00, 0x00};
+const bytes kScanRate1{0xC0, 0x00, 0x01};
 
 const std::pair<uint32_t, const char *> kStates[] = {{KVR_STATE_CLOSED, "KVR_STATE_CLOSED"},
                                                      {KVR_STATE_PREWORKING, "KVR_STATE_PREWORKING"},
@@ -24,31 +35,39 @@ template <typename T> uint64_t as_result(T v) {
 struct entry_point {
   const char *name;
   uint32_t mask;
-  uint64_t refusal; // the value returned when refused
+  uint64_t refusal;
+  const char *first_line; // level-3 line logged before "IN", or nullptr
   uint64_t (*call)();
 };
 
-#define ENTRY(fn, mask, refusal, ...)                                                              \
+#define ENTRY(fn, mask, refusal, first, ...)                                                       \
   {                                                                                                \
-    "" #fn, mask, refusal, [] { return as_result(fn(__VA_ARGS__)); }                               \
+    "" #fn, mask, refusal, first, [] { return as_result(fn(__VA_ARGS__)); }                        \
   }
 
 // clang-format off
 const entry_point kEntryPoints[] = {
-    ENTRY(kvr_afe_open, 0x1, 4), ENTRY(kvr_afe_open_project, 0x1, 4, "P1"),
-    ENTRY(kvr_afe_close, 0x2, 4), ENTRY(kvr_afe_screen_on, 0xE, 4),
-    ENTRY(kvr_afe_screen_off, 0x4, 4), ENTRY(kvr_afe_start, 0x6, 4),
-    ENTRY(kvr_afe_stop, 0x4, 4), ENTRY(kvr_afe_get_info, 0x4, 0),
-    ENTRY(kvr_afe_enter_tui, 0x4, 7), ENTRY(kvr_afe_exit_tui, 0x4, 7),
-    ENTRY(kvr_afe_get_frame, 0xC, 0), ENTRY(kvr_afe_get_hw_cap, 0x4, 0),
-    ENTRY(kvr_afe_enable_wakeup_gesture, 0xC, 7, 1), ENTRY(kvr_afe_disable_wakeup_gesture, 0xC, 7),
-    ENTRY(kvr_afe_enable_freq_shift, 0x4, 4), ENTRY(kvr_afe_disable_freq_shift, 0x4, 4),
-    ENTRY(kvr_afe_start_calibration, 0x4, 4), ENTRY(kvr_afe_start_autotune, 0x4, 4),
-    ENTRY(kvr_afe_clear_status, 0x4, 4, 8), ENTRY(kvr_afe_set_baseline_update_interval, 0x4, 4, 10),
-    ENTRY(kvr_afe_set_idle_touch_threshold, 0x4, 4, 30), ENTRY(kvr_afe_reset_idle_baseline, 0x4, 7),
-    ENTRY(kvr_afe_enter_idle, 0x4, 7), ENTRY(kvr_afe_force_exit_idle, 0x4, 7),
-    ENTRY(kvr_afe_force_to_freq_point, 0x4, 7, 1), ENTRY(kvr_afe_force_to_scan_rate, 0x4, 7, 1),
-    ENTRY(kvr_afe_inspect, 0x6, 0xFFFFFFA1),
+    ENTRY(kvr_afe_open, 0x1, 4, nullptr), ENTRY(kvr_afe_open_project, 0x1, 4, nullptr, "P1"),
+    ENTRY(kvr_afe_close, 0x2, 4, nullptr), ENTRY(kvr_afe_screen_on, 0xE, 4, nullptr),
+    ENTRY(kvr_afe_screen_off, 0x4, 4, nullptr), ENTRY(kvr_afe_start, 0x6, 4, nullptr),
+    ENTRY(kvr_afe_stop, 0x4, 4, nullptr), ENTRY(kvr_afe_get_info, 0x4, 0, nullptr),
+    ENTRY(kvr_afe_enter_tui, 0x4, 7, nullptr), ENTRY(kvr_afe_exit_tui, 0x4, 7, nullptr),
+    ENTRY(kvr_afe_get_frame, 0xC, 0, nullptr), ENTRY(kvr_afe_get_hw_cap, 0x4, 0, nullptr),
+    ENTRY(kvr_afe_enable_wakeup_gesture, 0xC, 7, nullptr, 1),
+    ENTRY(kvr_afe_disable_wakeup_gesture, 0xC, 7, nullptr),
+    ENTRY(kvr_afe_enable_freq_shift, 0x4, 4, nullptr),
+    ENTRY(kvr_afe_disable_freq_shift, 0x4, 4, nullptr),
+    ENTRY(kvr_afe_start_calibration, 0x4, 4, "Send start calibration command"),
+    ENTRY(kvr_afe_start_autotune, 0x4, 4, "Send start autotune command"),
+    ENTRY(kvr_afe_clear_status, 0x4, 4, nullptr, 8),
+    ENTRY(kvr_afe_set_baseline_update_interval, 0x4, 4, nullptr, 10),
+    ENTRY(kvr_afe_set_idle_touch_threshold, 0x4, 4, nullptr, 30),
+    ENTRY(kvr_afe_reset_idle_baseline, 0x4, 7, "Send reset idle baseline command"),
+    ENTRY(kvr_afe_enter_idle, 0x4, 7, "Send enter idle command"),
+    ENTRY(kvr_afe_force_exit_idle, 0x4, 7, "Send force exit idle command"),
+    ENTRY(kvr_afe_force_to_freq_point, 0x4, 7, "Send force freq point command 2", 2),
+    ENTRY(kvr_afe_force_to_scan_rate, 0x4, 7, "Send force scan rate command 1", 1),
+    ENTRY(kvr_afe_inspect, 0x6, 0xFFFFFFA1, nullptr),
 };
 // clang-format on
 
@@ -56,59 +75,118 @@ std::string refusal_text(const char *state_name) {
   return std::string("API can't be executed in this mode [") + state_name + "].";
 }
 
+// The state word at each blocking-mode ioctl, and at each queue reset.
+std::vector<std::pair<uint32_t, uint32_t>> g_block_calls; // {value, state}
+std::vector<uint32_t> g_states_at_queue_reset;
+afehal_os_ops g_spy_os;
+int (*g_next_ioctl)(int, unsigned long, unsigned long);
+log_sink_fn g_next_sink;
+
+int spy_ioctl(int fd, unsigned long request, unsigned long arg) {
+  if (request == KVR_IOCTL_SET_BLOCK) {
+    g_block_calls.emplace_back(static_cast<uint32_t>(arg), gu32AFEStatus.load());
+  }
+  return g_next_ioctl(fd, request, arg);
+}
+
+void spy_sink(const char *line) {
+  if (strstr(line, "Reset all command flags and parameters to 0") != nullptr) {
+    g_states_at_queue_reset.push_back(gu32AFEStatus.load());
+  }
+  g_next_sink(line);
+}
+
 class StateMachine : public SimTest {
 protected:
-  // A fresh library and chip (no leak left behind), forced into the given state.
-  void enter(uint32_t state) {
+  // A fresh library and chip brought into state by the production calls.
+  void reach(uint32_t state) {
     TearDown();
     SetUp();
-    gu32AFEStatus.store(state);
+    if (state != KVR_STATE_CLOSED) {
+      ASSERT_EQ(kvr_afe_open(), 0u);
+    }
+    if (state & (KVR_STATE_WORKING | KVR_STATE_STANDBY)) {
+      ASSERT_EQ(kvr_afe_start(), 0u);
+    }
+    if (state == KVR_STATE_STANDBY) {
+      ASSERT_EQ(kvr_afe_screen_off(), 0u);
+    }
+    clear_log();
+    sim::clear_recording();
+  }
+
+  // A full frame-thread pass: the driver's queue is empty, so every pending
+  // command runs. Returns the firmware commands the IC received.
+  std::vector<bytes> full_pass() {
+    ioctrl_clear_frame_buffer();
+    sim::clear_recording();
+    kvr_afe_get_frame();
+    return sim::fw_commands();
   }
 };
-
-} // namespace
 
 TEST_F(StateMachine, EveryEntryPointAdmitsOrRefusesByItsMask) {
   for (const auto &ep : kEntryPoints) {
     for (const auto &[state, name] : kStates) {
       SCOPED_TRACE(std::string(ep.name) + " in " + name);
-      enter(state);
+      reach(state);
       const uint64_t result = ep.call();
       if ((ep.mask & state) != 0) {
-        EXPECT_FALSE(logged(refusal_text(name)));
-      } else {
-        EXPECT_EQ(result, ep.refusal);
-        EXPECT_TRUE(logged(ep.name, refusal_text(name)));
-        // Written twice: sink and Android log, and nothing else happens.
-        EXPECT_EQ(android_errors(), std::vector<std::string>{refusal_text(name)});
-        EXPECT_TRUE(sim::ioctls().empty());
-        EXPECT_TRUE(sim::spi_transfers().empty());
-        EXPECT_EQ(gu32AFEStatus.load(), state);
+        EXPECT_FALSE(mentioned(refusal_text(name)));
+        continue;
       }
+      EXPECT_EQ(result, ep.refusal);
+      EXPECT_TRUE(logged_error(ep.name, refusal_text(name)));
+      const bool frame_call = strcmp(ep.name, "kvr_afe_get_frame") == 0;
+      EXPECT_TRUE(frame_call ? logged_at(3, ep.name, "IN.") : logged_at(5, ep.name, "IN"));
+      std::vector<std::string> said = {frame_call ? "IN." : "IN", refusal_text(name)};
+      if (ep.first_line != nullptr) {
+        EXPECT_TRUE(logged_at(3, ep.name, ep.first_line));
+        said.insert(said.begin(), ep.first_line);
+      }
+      // Nothing else happens: no other line, no ioctl, no state change.
+      EXPECT_EQ(log_messages(), said);
+      EXPECT_TRUE(sim::ioctls().empty());
+      EXPECT_EQ(gu32AFEStatus.load(), state);
     }
   }
 }
 
-TEST_F(StateMachine, CallsWithoutStateCheckAnswerInEveryState) {
+void dummy_calib(void) {}
+void dummy_context(void) {}
+
+TEST_F(StateMachine, UncheckedCallsAnswerInEveryState) {
   for (int32_t other : {3, 0, -1}) { // names go by state - 1; the rest read STANDBY
     EXPECT_STREQ(afe_status_to_str(other), "KVR_STATE_STANDBY");
   }
+  const std::pair<uint32_t (*)(), const char *> deprecated[] = {
+      {kvr_afe_reset_freq_state, "function is empty due to deprecation"},
+      {[] { return kvr_afe_set_freq_point_min_hold_time(65535); },
+       "function is empty due to deprecation. 65535"},
+      {[] { return kvr_afe_set_idle_scan_rate(200); }, "function is empty: 200"},
+      {kvr_afe_start_freq_shift, "this api has been deprecated, no need to implement it."},
+      {[] { return kvr_afe_set_wakeup_gesture_scan_rate(7); }, "function is empty: 7"},
+  };
   for (const auto &[state, name] : kStates) {
+    SCOPED_TRACE(name);
     EXPECT_STREQ(afe_status_to_str(static_cast<int32_t>(state)), name);
-    enter(state);
+    reach(state);
     EXPECT_EQ(kvr_afe_hal_spec_version(), 70400u);
     EXPECT_EQ(kvr_afe_hal_spec_major_version(), 1u);
     EXPECT_EQ(kvr_afe_hal_spec_minor_version(), 19u);
     EXPECT_EQ(kvr_afe_hal_spec_patch_version(), 0u);
-    EXPECT_EQ(count_logged("IN_OUT"), 4);
-    EXPECT_EQ(kvr_afe_set_calib_data_callback_func(nullptr, nullptr), 0u);
-    EXPECT_EQ(kvr_afe_reset_freq_state(), 0u);
-    EXPECT_EQ(kvr_afe_set_freq_point_min_hold_time(5), 0u);
-    EXPECT_EQ(kvr_afe_set_idle_scan_rate(3), 0u);
-    EXPECT_EQ(kvr_afe_start_freq_shift(), 0u);
-    EXPECT_EQ(kvr_afe_set_wakeup_gesture_scan_rate(4), 0u);
-    EXPECT_NE(kvr_afe_get_inspect_grid_data(), nullptr);
-    EXPECT_FALSE(logged(refusal_text(name)));
+    EXPECT_EQ(count_logged(5, "IN_OUT"), 4);
+    for (const auto &[call, text] : deprecated) {
+      clear_log();
+      EXPECT_EQ(call(), 0u);
+      EXPECT_EQ(log_messages(), std::vector<std::string>{text});
+      EXPECT_TRUE(logged_at(3, text));
+    }
+    EXPECT_EQ(kvr_afe_set_calib_data_callback_func(dummy_calib, dummy_context), 0u);
+    EXPECT_EQ(count_logged(5, "only write has been used"), 1);
+    EXPECT_TRUE(autotune_ops.function.load() == dummy_calib &&
+                autotune_ops.context.load() == dummy_context);
+    EXPECT_TRUE(sim::ioctls().empty());
   }
 }
 
@@ -117,65 +195,165 @@ TEST_F(StateMachine, LifecycleOnTheSimulatedChip) {
     uint32_t (*call)();
     const char *tag, *text;
     uint32_t state;
+    bool sensing;
+    const bytes *last_command; // the last firmware command the IC saw
   } steps[] = {
-      {kvr_afe_open, "kvr_afe_open", "OUT", KVR_STATE_PREWORKING},
-      {kvr_afe_start, "kvr_afe_start", "AFE Start.", KVR_STATE_WORKING},
-      {kvr_afe_screen_off, "kvr_afe_screen_off", "AFE Suspend.", KVR_STATE_STANDBY},
-      {kvr_afe_screen_on, "kvr_afe_screen_on", "AFE Resume.", KVR_STATE_WORKING},
-      {kvr_afe_stop, "kvr_afe_stop", "AFE Stop.", KVR_STATE_PREWORKING},
-      {kvr_afe_close, "kvr_afe_close", "Close node. AFE is closed.", KVR_STATE_CLOSED},
+      {kvr_afe_open, "kvr_afe_open", nullptr, KVR_STATE_PREWORKING, false, nullptr},
+      {kvr_afe_start, "kvr_afe_start", "AFE Start.", KVR_STATE_WORKING, true, &kSenseOn},
+      {kvr_afe_screen_off, "kvr_afe_screen_off", "AFE Suspend.", KVR_STATE_STANDBY, false,
+       &kSenseOff},
+      {kvr_afe_screen_on, "kvr_afe_screen_on", "AFE Resume.", KVR_STATE_WORKING, true, &kSenseOn},
+      {kvr_afe_stop, "kvr_afe_stop", "AFE Stop.", KVR_STATE_PREWORKING, false, &kSenseOff},
+      {kvr_afe_close, "kvr_afe_close", "Close node. AFE is closed.", KVR_STATE_CLOSED, false,
+       nullptr},
   };
   for (const auto &step : steps) {
     SCOPED_TRACE(step.tag);
+    clear_log();
     sim::clear_recording();
     EXPECT_EQ(step.call(), 0u);
     EXPECT_EQ(gu32AFEStatus.load(), step.state);
-    EXPECT_TRUE(logged(step.tag, step.text));
+    EXPECT_TRUE(logged_at(5, step.tag, "OUT"));
+    EXPECT_TRUE(step.text == nullptr || logged_at(3, step.tag, step.text));
+    EXPECT_EQ(sim::ic().sensing, step.sensing);
+    const auto commands = sim::fw_commands();
+    if (step.last_command == nullptr) {
+      EXPECT_TRUE(commands.empty());
+    } else {
+      ASSERT_FALSE(commands.empty());
+      EXPECT_EQ(commands.back(), *step.last_command);
+    }
     if (step.call != kvr_afe_open) { // the node opens in whatever mode the driver keeps
       EXPECT_EQ(sim::driver().blocking, step.state == KVR_STATE_WORKING);
     }
+    const auto calls = sim::ioctls();
     if (step.call == kvr_afe_start) { // blocking mode, then the flush, before any SPI
-      const auto calls = sim::ioctls();
       ASSERT_GE(calls.size(), 3u);
-      EXPECT_EQ(std::make_tuple(calls[0].request, calls[0].value, calls[1].request),
-                std::make_tuple(0x4004B806ul, 1u, 0x4004B809ul));
+      EXPECT_EQ(calls[0].request, KVR_IOCTL_SET_BLOCK);
+      EXPECT_EQ(calls[0].value, 1u);
+      EXPECT_EQ(calls[1].request, KVR_IOCTL_CLEAR_FRAME_BUFFER);
+    }
+    if (step.call == kvr_afe_screen_on) { // the flush, the chip, then blocking mode
+      ASSERT_GE(calls.size(), 3u);
+      EXPECT_EQ(calls.front().request, KVR_IOCTL_CLEAR_FRAME_BUFFER);
+      EXPECT_EQ(calls[1].request, KVR_IOCTL_SPI_SYNC);
+      EXPECT_EQ(calls.back().request, KVR_IOCTL_SET_BLOCK);
+      EXPECT_EQ(calls.back().value, 1u);
     }
   }
   EXPECT_FALSE(sim::driver().open);
 }
 
-TEST_F(StateMachine, FailuresOnTheWay) {
+// The frame thread reads the state word without a lock: screen-off must
+// publish STANDBY before it stops the blocking reads, and start and
+// screen-on must drop the queue before they publish WORKING.
+TEST_F(StateMachine, StateIsPublishedInTheOrderTheFrameThreadRelies) {
+  g_block_calls.clear();
+  g_states_at_queue_reset.clear();
+  g_spy_os = os();
+  g_next_ioctl = g_spy_os.ioctl;
+  g_spy_os.ioctl = spy_ioctl;
+  os_install(&g_spy_os);
+  g_next_sink = log_callback.load();
+  log_callback.store(spy_sink);
+
+  ASSERT_EQ(kvr_afe_open(), 0u);
+  ASSERT_EQ(kvr_afe_start(), 0u);
+  ASSERT_EQ(kvr_afe_screen_off(), 0u);
+  ASSERT_EQ(kvr_afe_screen_on(), 0u);
+  EXPECT_EQ(g_states_at_queue_reset,
+            (std::vector<uint32_t>{KVR_STATE_PREWORKING, KVR_STATE_STANDBY}));
+  EXPECT_EQ(g_block_calls,
+            (std::vector<std::pair<uint32_t, uint32_t>>{
+                {1, KVR_STATE_PREWORKING}, {0, KVR_STATE_STANDBY}, {1, KVR_STATE_STANDBY}}));
+}
+
+// Start, screen-on and screen-off hand the chip side's result back
+// unchanged; start and screen-on still enter WORKING and forget an SOS
+// raised on the way, screen-off still leaves STANDBY.
+TEST_F(StateMachine, ChipSideFailuresArePassedThroughWithoutRollingBack) {
+  const struct {
+    uint32_t (*call)();
+    uint32_t result;
+    uint32_t state;
+  } cases[] = {{kvr_afe_start, 3, KVR_STATE_WORKING},
+               {kvr_afe_screen_on, 4, KVR_STATE_WORKING},
+               {kvr_afe_screen_off, 4, KVR_STATE_STANDBY}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.result);
+    reach(KVR_STATE_WORKING);
+    sim::drop_echoes(-1); // each command still takes effect, but its echo is lost
+    EXPECT_EQ(c.call(), c.result);
+    EXPECT_EQ(gu32AFEStatus.load(), c.state);
+    EXPECT_TRUE(logged_error("fw_write", "triggering SOS.."));
+    sim::clear_faults();
+    const kvr_frame_data *next = kvr_afe_get_frame();
+    if (c.state == KVR_STATE_WORKING) {
+      EXPECT_EQ(next, &frame_data) << "the SOS of the failed command was not forgotten";
+    } else {
+      EXPECT_EQ(next, &sos_frame_data);
+    }
+  }
+}
+
+TEST_F(StateMachine, StartAndScreenOnDropQueuedCommands) {
+  for (auto call : {kvr_afe_start, kvr_afe_screen_on}) {
+    reach(KVR_STATE_WORKING);
+    ASSERT_NE(kvr_afe_get_hw_cap(), nullptr); // the rate list the command needs
+    ASSERT_EQ(kvr_afe_force_to_scan_rate(1), 0u);
+    ASSERT_EQ(call(), 0u);
+    EXPECT_TRUE(full_pass().empty());
+    // A failed screen-on (blocking mode refused) keeps the queue as it was.
+    ASSERT_EQ(kvr_afe_force_to_scan_rate(1), 0u);
+    clear_log();
+    sim::fail_ioctl(KVR_IOCTL_SET_BLOCK, EIO);
+    EXPECT_EQ(kvr_afe_screen_on(), 4u);
+    EXPECT_FALSE(mentioned("AFE Resume."));
+    EXPECT_EQ(full_pass(), std::vector<bytes>{kScanRate1});
+  }
+}
+
+TEST_F(StateMachine, FailedBlockingIoctlsAndNode) {
   sim::fail_open(ENOENT, 2);
   EXPECT_EQ(kvr_afe_open(), 3u);
   EXPECT_EQ(gu32AFEStatus.load(), uint32_t{KVR_STATE_CLOSED});
-  EXPECT_TRUE(logged("kvr_afe_open", "Error opening ioctrl"));
-  EXPECT_EQ(last_error(), "Error opening ioctrl");
+  EXPECT_TRUE(logged_error("kvr_afe_open", "Error opening ioctrl"));
 
-  // A failed screen-off still publishes STANDBY; a failed screen-on changes nothing.
-  open_and_start();
-  sim::fail_ioctl(0x4004B806, EIO);
+  // Screen-off publishes STANDBY even when blocking mode cannot be left, but
+  // then leaves the IC scanning.
+  reach(KVR_STATE_WORKING);
+  sim::fail_ioctl(KVR_IOCTL_SET_BLOCK, EIO);
   EXPECT_EQ(kvr_afe_screen_off(), 4u);
   EXPECT_EQ(gu32AFEStatus.load(), uint32_t{KVR_STATE_STANDBY});
-  EXPECT_FALSE(logged("kvr_afe_screen_off", "AFE Suspend."));
-  ASSERT_EQ(kvr_afe_start_calibration(), 4u); // refused in STANDBY
-  sim::fail_ioctl(0x4004B806, EIO);
+  EXPECT_TRUE(sim::ic().sensing);
+  EXPECT_TRUE(sim::fw_commands().empty());
+  EXPECT_FALSE(mentioned("AFE Suspend."));
+  sim::fail_ioctl(KVR_IOCTL_SET_BLOCK, EIO);
   EXPECT_EQ(kvr_afe_screen_on(), 4u);
   EXPECT_EQ(gu32AFEStatus.load(), uint32_t{KVR_STATE_STANDBY});
-  EXPECT_FALSE(logged("kvr_afe_screen_on", "AFE Resume."));
 }
 
 TEST_F(StateMachine, GetInfoCopiesTheIdentityAndTuiCallsOnlyCheckTheState) {
   ASSERT_EQ(kvr_afe_open_project("ABCDEFGHIJKL"), 0u);
   ASSERT_EQ(kvr_afe_start(), 0u);
+  const sim::chip_identity id = sim::identity();
+  char version[64];
+  snprintf(version, sizeof version, "1.7.18 %04X %04X %04X 0021", id.fw_ver, id.cfg_ver,
+           id.cx_cfg_ver);
+  clear_log();
   const kvr_afe_info *info = kvr_afe_get_info();
   ASSERT_NE(info, nullptr);
-  EXPECT_EQ(std::string(info->ic_name, 10), "ABCDEFGHIJ");
-  EXPECT_EQ(std::string(info->vendor_name).rfind("VendorQ742", 0), 0u);
-  EXPECT_EQ(std::string(info->version).rfind("1.7.18", 0), 0u);
-  EXPECT_TRUE(logged("kvr_afe_get_info", "OUT"));
+  EXPECT_STREQ(info->ic_name, "ABCDEFGHIJ");
+  EXPECT_STREQ(info->vendor_name, "VendorQ742ABCDEFGHIJ");
+  EXPECT_STREQ(info->version, version);
+  EXPECT_TRUE(
+      logged_at(3, "kvr_afe_get_info", std::string("ABCDEFGHIJ/VendorQ742ABCDEFGHIJ/") + version));
+  EXPECT_TRUE(logged_at(5, "kvr_afe_get_info", "OUT"));
   sim::clear_recording();
   EXPECT_EQ(kvr_afe_enter_tui(), 0u);
   EXPECT_EQ(kvr_afe_exit_tui(), 0u);
   EXPECT_TRUE(sim::ioctls().empty());
-  EXPECT_TRUE(logged("kvr_afe_enter_tui", "OUT"));
+  EXPECT_EQ(count_logged(5, "OUT"), 3);
 }
+
+} // namespace
