@@ -1,5 +1,6 @@
 // Idle entry and exit, the idle interval, status acknowledgement,
-// calibration, autotune and the diagnosis after frame time-outs.
+// calibration, autotune, the diagnosis after frame time-outs, and the
+// time-outs and retries of every firmware command of the chip operations.
 #include <algorithm>
 #include <cerrno>
 #include <functional>
@@ -8,7 +9,7 @@
 #include <vector>
 
 #include "chip/chip.h"
-#include "chip/ops/frame_parse.h"
+#include "chip/ops/idle_calib.h"
 #include "chip/ops/lifecycle.h"
 #include "chip/transport/fw_cmd.h"
 #include "chip/transport/host_data.h"
@@ -19,11 +20,14 @@ namespace {
 using bytes = std::vector<uint8_t>;
 using commands = std::vector<bytes>;
 
+const bytes kEnterIdle = {0xA0, 0x03, 0x02};
 const bytes kSenseOn = {0xA0, 0x03, 0x00};
+const bytes kCalibration = {0xC0, 0x02};
 const bytes kAutotune = {0xA4, 0x00, 0x03};
 const bytes kSaveCx = {0xA4, 0x05, 0x02};
 const bytes kChipInfoRequest = {0xA4, 0x06, 0x01};
 const bytes kFrameStatus = {0xC0, 0x07};
+constexpr int64_t kMs = 1000;
 
 bool sent(const bytes &cmd) {
   const auto cmds = sim::fw_commands();
@@ -40,82 +44,128 @@ protected:
   void SetUp() override {
     SimTest::SetUp();
     open_and_start();
+    ASSERT_NE(vendor_update_hw_cap(), nullptr);
     restart_recording();
   }
 };
 
-TEST_F(IdleCalibTest, IdleEntryAndExitSwitchTheDriverTimeoutOnlyOnSuccess) {
+TEST_F(IdleCalibTest, UnansweredCommandsAreSentTwiceAndWaitedForTheirTimeOut) {
+  // The operation, the commands that reach the chip and the total time spent
+  // waiting for echoes that never come: two attempts of each command.
+  const std::tuple<const char *, std::function<bool()>, commands, int64_t> cases[] = {
+      {"enter idle", vendor_enter_idle, {kEnterIdle, kEnterIdle}, 2 * 100},
+      {"exit idle", vendor_exit_idle, {kSenseOn, kSenseOn}, 2 * 100},
+      {"frequency point",
+       [] { return vendor_force_freq_point(2); },
+       {{0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x06}},
+       2 * 100},
+      {"scan rate",
+       [] { return vendor_force_scan_rate(1); },
+       {{0xC0, 0x00, 0x01}, {0xC0, 0x00, 0x01}},
+       2 * 50},
+      {"calibration", vendor_calibration, {kCalibration, kCalibration}, 2 * 300},
+      {"autotune", vendor_autotune, {kAutotune, kAutotune, kSaveCx, kSaveCx}, 2 * 5000 + 2 * 3000},
+  };
+  for (const auto &[name, operation, sent_commands, wait_ms] : cases) {
+    SCOPED_TRACE(name);
+    restart_recording();
+    sim::drop_echoes(-1);
+    const int64_t start = sim::now_us();
+    EXPECT_FALSE(operation());
+    const int64_t waited = sim::now_us() - start;
+    EXPECT_EQ(sim::fw_commands(), sent_commands);
+    // A poll step is 2 ms; the autotune's reset waits 10 ms for the chip.
+    EXPECT_GE(waited, wait_ms * kMs);
+    EXPECT_LT(waited, (wait_ms + 20) * kMs);
+    sim::clear_faults();
+    set_sos_flag(0);
+  }
+}
+
+TEST_F(IdleCalibTest, IdleEntryAndExitSwitchTheDriverTimeOutOnlyOnSuccess) {
   sim::drop_echoes(2);
   EXPECT_FALSE(vendor_enter_idle());
-  EXPECT_TRUE(logged("vendor_enter_idle", "Entering idle mode failed"));
+  EXPECT_TRUE(logged_error("vendor_enter_idle", "Entering idle mode failed"));
   EXPECT_EQ(sim::driver().frame_timeout_ms, 253u);
-  restart_recording();
   ASSERT_TRUE(vendor_enter_idle());
-  EXPECT_EQ(sim::fw_commands(), (commands{{0xA0, 0x03, 0x02}}));
   EXPECT_EQ(sim::driver().frame_timeout_ms, 1471u);
+  EXPECT_TRUE(sim::ic().idle);
 
-  work_parm[WP_AUTO_SHIFT_DISABLED].store(1);
+  ASSERT_TRUE(vendor_force_freq_point(1)); // disables automatic shift
   sim::drop_echoes(2);
   EXPECT_FALSE(vendor_exit_idle());
   EXPECT_EQ(sim::driver().frame_timeout_ms, 1471u);
-  EXPECT_EQ(work_parm[WP_AUTO_SHIFT_DISABLED].load(), 1);
-  restart_recording();
   ASSERT_TRUE(vendor_exit_idle());
-  EXPECT_EQ(sim::fw_commands(), (commands{kSenseOn}));
   EXPECT_EQ(sim::driver().frame_timeout_ms, 253u);
   EXPECT_EQ(work_parm[WP_AUTO_SHIFT_DISABLED].load(), 0);
+  EXPECT_FALSE(sim::ic().idle);
+
+  // Baseline and threshold: nothing to send for this chip.
+  restart_recording();
+  EXPECT_TRUE(vendor_reset_idle_baseline());
+  EXPECT_TRUE(vendor_idle_threshold());
+  EXPECT_TRUE(sim::spi_transfers().empty());
 }
 
 TEST_F(IdleCalibTest, IdleIntervalIsWrittenInFramesOfTheConfiguredRate) {
-  sim::cfg_write(0x0087, {60});
-  ASSERT_TRUE(vendor_idle_update_interval(30));
-  EXPECT_TRUE(logged("vendor_idle_update_interval", "Frame rate: 3C"));
-  ASSERT_FALSE(sim::spi_transfers().empty());
-  EXPECT_EQ(sim::spi_transfers().back().tx, (bytes{0xA8, 0x00, 0x42, 0x05})); // 30 x 10 / 60
-  EXPECT_EQ(sim::cfg_read(0x0042, 1), (bytes{0x05}));
-  // A rate of 0 gives an interval of 0 rather than a division by zero.
-  sim::cfg_write(0x0087, {0});
-  ASSERT_TRUE(vendor_idle_update_interval(30));
-  EXPECT_EQ(sim::cfg_read(0x0042, 1), (bytes{0x00}));
+  // Frame-rate byte, interval, byte written at 0x0042.
+  const std::tuple<uint8_t, uint32_t, uint8_t> cases[] = {
+      {60, 30, 5}, {120, 100, 8}, {0, 30, 0}, {1, 30, 44}, // 300 cut to a byte
+  };
+  for (const auto &[rate, interval, written] : cases) {
+    restart_recording();
+    sim::cfg_write(0x0087, {rate});
+    ASSERT_TRUE(vendor_idle_update_interval(interval));
+    EXPECT_EQ(sim::spi_transfers().back().tx, (bytes{0xA8, 0x00, 0x42, written}));
+    EXPECT_EQ(sim::cfg_read(0x0042, 1), (bytes{written}));
+    char line[32];
+    snprintf(line, sizeof line, "Frame rate: %02X", rate);
+    EXPECT_TRUE(logged_at(3, "vendor_idle_update_interval", line));
+  }
 
-  // A failed rate read writes nothing; a failed write is reported too.
+  // A failed rate read writes nothing; a failed write is not tried again.
   sim::cfg_write(0x0087, {60});
   sim::cfg_write(0x0042, {0x77});
   for (int transfer : {1, 2}) {
+    SCOPED_TRACE(transfer);
+    restart_recording();
     sim::fail_spi_transfer(transfer, EIO);
-    EXPECT_FALSE(vendor_idle_update_interval(30)) << transfer;
-    EXPECT_EQ(count_logged("Error reading the config data"), transfer);
+    EXPECT_FALSE(vendor_idle_update_interval(30));
+    EXPECT_TRUE(logged_error("vendor_idle_update_interval", "Error reading the config data"));
+    // A failed transfer never reaches the chip: only what went before it.
+    EXPECT_EQ(sim::spi_transfers().size(), static_cast<size_t>(transfer - 1));
     EXPECT_EQ(sim::cfg_read(0x0042, 1), (bytes{0x77}));
   }
 }
 
 TEST_F(IdleCalibTest, CalibrationIsDoneOnlyOnSuccessAndAcknowledgedBeforeAPendingShift) {
-  recal_request.store(1);
   sim::drop_echoes(2);
-  const int64_t start = sim::now_us();
   EXPECT_FALSE(vendor_calibration());
-  EXPECT_GE(sim::now_us() - start, 600000); // two waits of 300 ms
-  EXPECT_TRUE(logged("vendor_calibration", "Unable to get MRN raw and calculate offset"));
+  EXPECT_TRUE(logged_error("vendor_calibration", "Unable to get MRN raw and calculate offset"));
   EXPECT_EQ(calibration_done.load(), 0);
-  EXPECT_EQ(recal_request.load(), 1);
   ASSERT_TRUE(vendor_calibration());
   EXPECT_EQ(calibration_done.load(), 1);
-  EXPECT_EQ(recal_request.load(), 0);
-  EXPECT_TRUE(
-      logged("vendor_calibration", "Send command for FW to get the MRN raw and calculate offset"));
+  EXPECT_TRUE(logged_at(3, "vendor_calibration",
+                        "Send command for FW to get the MRN raw and calculate offset"));
 
   // One acknowledgement per call, the calibration before a pending shift.
-  work_parm_request[WP_FREQ_INDEX].store(1);
-  work_parm_request[WP_RATE_INDEX].store(0);
-  EXPECT_EQ(vendor_clear_status(0x100), 0u); // nothing of ours
-  EXPECT_EQ(calibration_done.load(), 1);
-  EXPECT_EQ(vendor_clear_status(0x0C), 0u);
-  EXPECT_TRUE(logged("vendor_clear_status", "Clear status 0000000C"));
-  EXPECT_EQ(calibration_done.load(), 0);
-  EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), 1);
-  EXPECT_EQ(vendor_clear_status(0x04), 0u);
-  EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), WORK_PARM_NO_REQUEST);
-  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), WORK_PARM_NO_REQUEST);
+  ASSERT_TRUE(vendor_force_freq_point(1));
+  ASSERT_TRUE(vendor_force_scan_rate(1));
+  const std::tuple<uint32_t, uint8_t, uint8_t> steps[] = {
+      // bits, calibration_done, requested indices after the call
+      {0x100, 1, 1},
+      {0x0C, 0, 1},
+      {0x04, 0, WORK_PARM_NO_REQUEST},
+  };
+  for (const auto &[bits, calibrated, requested] : steps) {
+    EXPECT_EQ(vendor_clear_status(bits), 0u);
+    char line[32];
+    snprintf(line, sizeof line, "Clear status %08X", bits);
+    EXPECT_TRUE(logged_at(3, "vendor_clear_status", line));
+    EXPECT_EQ(calibration_done.load(), calibrated) << bits;
+    EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), requested) << bits;
+    EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), requested) << bits;
+  }
 }
 
 TEST_F(IdleCalibTest, AutotuneFallsBackToSavingTheCompensationAndStopsOnFailures) {
@@ -138,20 +188,38 @@ TEST_F(IdleCalibTest, AutotuneFallsBackToSavingTheCompensationAndStopsOnFailures
     fault();
     info = chip_info{};
     const int resets = sim::ic().resets;
-    const int64_t slept = sim::slept_us();
     EXPECT_EQ(vendor_autotune(), result);
     EXPECT_EQ(sim::fw_commands(), sent_commands);
-    EXPECT_TRUE(message.empty() || logged("vendor_autotune", message));
-    EXPECT_EQ(logged("Unable to save CX.."), message == "Unable to save CX..");
+    EXPECT_EQ(count_logged(3, "System reset.."), 1);
+    EXPECT_EQ(mentioned("Autotune.."), !message.empty());
+    EXPECT_TRUE(message.empty() || logged_error("vendor_autotune", message));
+    EXPECT_EQ(mentioned("Unable to save CX.."), message == "Unable to save CX..");
     EXPECT_EQ(sim::ic().resets, resets + (message.empty() ? 0 : 1));
     EXPECT_EQ(info.fw_ver, result ? sim::identity().fw_ver : 0);
-    if (result) {
-      EXPECT_GE(sim::slept_us() - slept, 100000);
-    }
   }
+  // After the sense-on the chip is given 100 ms before frames are expected.
+  restart_recording();
+  const int64_t start = sim::now_us();
+  ASSERT_TRUE(vendor_autotune());
+  const int64_t taken = sim::now_us() - start;
+  EXPECT_GE(taken, 100 * kMs);
+  EXPECT_LT(taken, 130 * kMs);
 }
 
-TEST_F(IdleCalibTest, DebugReportChecksLinkAndFirmwareAndTheThirdTimeoutRaisesSos) {
+TEST_F(IdleCalibTest, TheCallbackIsStoredAndParameterSyncSendsNothing) {
+  const auto function = reinterpret_cast<kvr_afe_calib_data_func>(0x1234);
+  const auto context = reinterpret_cast<kvr_afe_calib_data_func>(0x5678);
+  vendor_set_calib_data_callback_func(function, context);
+  EXPECT_EQ(autotune_ops.function.load(), function);
+  EXPECT_EQ(autotune_ops.context.load(), context);
+  EXPECT_TRUE(logged_at(3, "vendor_set_calib_data_callback_func", "only write has been used"));
+  m_need_update_param.store(1);
+  vendor_cmds_sync();
+  EXPECT_EQ(m_need_update_param.load(), 0);
+  EXPECT_TRUE(sim::spi_transfers().empty());
+}
+
+TEST_F(IdleCalibTest, DebugReportChecksLinkAndFirmwareAndTheThirdTimeOutRaisesSos) {
   // The simulated chip's id registers at 0x20000000.
   ASSERT_EQ(sim::mem_read(0x20000000, 8), (bytes{0x36, 0x48, 0x01, 0x00, 0x36, 0x00, 0x02, 0x00}));
   for (int timeout = 1; timeout <= 3; ++timeout) {
@@ -163,13 +231,14 @@ TEST_F(IdleCalibTest, DebugReportChecksLinkAndFirmwareAndTheThirdTimeoutRaisesSo
     ASSERT_FALSE(spi.empty());
     EXPECT_EQ(spi[0].tx.size(), 14u);
     EXPECT_EQ(bytes(spi[0].tx.begin(), spi[0].tx.begin() + 5), (bytes{0xFB, 0x20, 0, 0, 0}));
-    EXPECT_TRUE(logged("vendor_print_ic_debug_info",
-                       "SPI Communication working!! Chip ID: 36 48 01 00 36 00 02 00\n"));
+    EXPECT_TRUE(logged_error("vendor_print_ic_debug_info",
+                             "SPI Communication working!! Chip ID: 36 48 01 00 36 00 02 00\n"));
     EXPECT_TRUE(sent(kFrameStatus) && sent(kChipInfoRequest));
-    EXPECT_TRUE(logged("KVR frame is working now"));
+    EXPECT_TRUE(logged_error("KVR frame is working now"));
     EXPECT_EQ(sos_flag.load(), timeout == 3 ? 1 : 0);
-    EXPECT_EQ(count_logged("ETimeout occurred twice.. triggerring SOS!!"), timeout == 3 ? 1 : 0);
+    EXPECT_EQ(mentioned("ETimeout occurred twice.. triggerring SOS!!"), timeout == 3);
   }
+  EXPECT_TRUE(logged_error("ETimeout occurred twice.. triggerring SOS!!"));
   EXPECT_EQ(etimeout_cnt.load(), 0u);
 
   // A broken link and a silent chip-info request are reported; the report
@@ -178,21 +247,46 @@ TEST_F(IdleCalibTest, DebugReportChecksLinkAndFirmwareAndTheThirdTimeoutRaisesSo
   sim::fail_spi_transfer(1, EIO);
   sim::host_data_never_loads(true);
   EXPECT_EQ(vendor_print_ic_debug_info(), 5u);
-  EXPECT_TRUE(logged("vendor_print_ic_debug_info", "SPI is not working!!"));
-  EXPECT_TRUE(logged("SPI Communication working!! Chip ID: 00 00 00 00 00 00 00 00\n"));
+  EXPECT_TRUE(logged_error("vendor_print_ic_debug_info", "SPI is not working!!"));
+  EXPECT_TRUE(logged_error("SPI Communication working!! Chip ID: 00 00 00 00 00 00 00 00\n"));
   EXPECT_TRUE(sent(kFrameStatus));
-  EXPECT_TRUE(logged("vendor_print_ic_debug_info", "Couldnt read chip info.. Could be FW issue!!"));
+  EXPECT_TRUE(
+      logged_error("vendor_print_ic_debug_info", "Couldnt read chip info.. Could be FW issue!!"));
 
   // A dead firmware has raised the SOS itself: the count restarts and
   // nothing more is asked of it.
   set_sos_flag(0);
-  etimeout_cnt.store(2);
+  increment_etimeout_cnt();
+  increment_etimeout_cnt();
   restart_recording();
   sim::drop_echoes(-1);
   EXPECT_EQ(vendor_print_ic_debug_info(), 0u);
   EXPECT_EQ(etimeout_cnt.load(), 0u);
   EXPECT_EQ(sos_flag.load(), 1);
   EXPECT_FALSE(sent(kFrameStatus) || sent(kChipInfoRequest));
+}
+
+TEST_F(IdleCalibTest, AFrameStatusThatNeverComesIsWaitedForOneSecond) {
+  // Find the frame-status request in a clean report, then lose it on the
+  // wire: the chip never answers and the report waits its full second.
+  ASSERT_EQ(vendor_print_ic_debug_info(), 0u);
+  const auto spi = sim::spi_transfers();
+  const auto request = std::find_if(spi.begin(), spi.end(), [](const sim::spi_transfer &x) {
+    return x.tx.size() >= 2 && x.tx[0] == 0xC0 && x.tx[1] == 0x07;
+  });
+  ASSERT_NE(request, spi.end());
+  restart_recording();
+  sim::fail_spi_transfer(static_cast<int>(request - spi.begin()) + 1, EIO);
+  const int64_t start = sim::now_us();
+  EXPECT_EQ(vendor_print_ic_debug_info(), 0u);
+  const int64_t waited = sim::now_us() - start;
+  EXPECT_TRUE(logged_error("vendor_print_ic_debug_info",
+                           "Error writing the KVR frame status checking command"));
+  EXPECT_FALSE(mentioned("KVR frame is working now"));
+  EXPECT_TRUE(sent(kChipInfoRequest));
+  // The echo of the liveness probe and the chip-info block take a few ms.
+  EXPECT_GE(waited, 1000 * kMs);
+  EXPECT_LT(waited, 1020 * kMs);
 }
 
 } // namespace

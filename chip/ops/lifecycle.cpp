@@ -140,14 +140,19 @@ const char *vendor_get_version() {
 }
 
 void publish_hw_cap(const kvr_hw_cap &cap) {
+  // A record without a list (its read failed) publishes an empty one.
+  const uint8_t freq_count =
+      cap.freq_list == nullptr ? 0 : std::min<uint8_t>(cap.freq_count, kMaxScanFreq);
+  const uint8_t rate_count =
+      cap.rate_list == nullptr ? 0 : std::min<uint8_t>(cap.rate_count, SCAN_RATE_COUNT);
   for (int i = 0; i < kMaxScanFreq; ++i) {
-    published_freqs[i].store(i < cap.freq_count ? cap.freq_list[i] : 0, std::memory_order_relaxed);
+    published_freqs[i].store(i < freq_count ? cap.freq_list[i] : 0, std::memory_order_relaxed);
   }
   for (int i = 0; i < SCAN_RATE_COUNT; ++i) {
-    published_rates[i].store(i < cap.rate_count ? cap.rate_list[i] : 0, std::memory_order_relaxed);
+    published_rates[i].store(i < rate_count ? cap.rate_list[i] : 0, std::memory_order_relaxed);
   }
-  published_freq_count.store(cap.freq_count, std::memory_order_release);
-  published_rate_count.store(cap.rate_count, std::memory_order_release);
+  published_freq_count.store(freq_count, std::memory_order_release);
+  published_rate_count.store(rate_count, std::memory_order_release);
   published_calibration_enable.store(cap.calibration_enable, std::memory_order_relaxed);
 }
 
@@ -198,11 +203,9 @@ kvr_hw_cap *vendor_update_hw_cap() {
   }
   const uint8_t freq_count = static_cast<uint8_t>((freq_byte & 3) + 1);
   NLOG(LOG_LEVEL_INFO, tag, "Number of scan freq %d", freq_count);
+  // A list that cannot be read leaves the record without one; the look-ups
+  // then see no frequencies at all.
   uint16_t *freqs = get_available_scan_freq(freq_count);
-  if (freqs == nullptr) {
-    // A count without its list would send the frame parser past the end.
-    return nullptr;
-  }
   constexpr uint8_t rate_count = sizeof scan_rate_list / sizeof scan_rate_list[0];
   NLOG(LOG_LEVEL_INFO, tag, "Number of scan rate %d", rate_count);
   NLOG(LOG_LEVEL_INFO, tag, "DP742 settings");
