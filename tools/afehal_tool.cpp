@@ -107,6 +107,11 @@ int main(int argc, char **argv) {
       ->check(CLI::IsMember({"auto", "real", "virtual"}));
   fw_info->add_flag("--verbose", fw_opts.verbose, "copy the library's log lines to stderr");
 
+  tool::limits_options limits_opts;
+  CLI::App *limits = app.add_subcommand(
+      "limits", "check a test-limits file and list its tables (default: the embedded text)");
+  limits->add_option("FILE", limits_opts.file, "test-limits file (default: the embedded text)");
+
   CLI11_PARSE(app, argc, argv);
   if (demo->parsed()) {
     return run_demo(demo_sim, demo_level);
@@ -124,6 +129,9 @@ int main(int argc, char **argv) {
     fw_opts.chip_fw = static_cast<uint16_t>(chip_fw);
     fw_opts.clock = tool::parse_clock(fw_clock);
     return tool::run_fw_info(fw_opts);
+  }
+  if (limits->parsed()) {
+    return tool::run_limits(limits_opts);
   }
   return 0;
 }

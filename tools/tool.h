@@ -91,4 +91,11 @@ int run_fw_info(const fw_info_options &options);
 // the update's progress and the versions before and after.
 int run_sim_update(const fw_info_options &options);
 
+struct limits_options {
+  std::string file; // empty: the embedded limits text
+};
+// Checks the limits file (line and field of the first problem) and lists
+// its tables with their shapes and value ranges.
+int run_limits(const limits_options &options);
+
 } // namespace tool
