@@ -2,7 +2,6 @@
 // images from outside the build, and the flash map description.
 #include <cstring>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "chip/firmware/fw_image.h"
@@ -10,19 +9,16 @@
 
 namespace {
 
-constexpr size_t kCodeAt = 64;
-constexpr size_t kCodeLen = 99076;
-constexpr size_t kCfgLen = 3380;
-constexpr size_t kCxLen = 1516;
-constexpr size_t kCfgAt = kCodeAt + kCodeLen;
-constexpr size_t kCxAt = kCfgAt + kCfgLen;
+constexpr size_t kCodeAt = 64, kCodeLen = 99076, kCfgLen = 3380, kCxLen = 1516;
+constexpr size_t kCfgAt = kCodeAt + kCodeLen, kCxAt = kCfgAt + kCfgLen;
+constexpr const char *kTag = "parse_fw_header_file";
 
 std::vector<uint8_t> embedded() {
   return {myArray, myArray + myArray_size};
 }
 
-void put_le32(std::vector<uint8_t> &image, size_t offset, uint32_t value) {
-  for (int i = 0; i < 4; ++i) {
+void put_le(std::vector<uint8_t> &image, size_t offset, uint32_t value, int bytes = 4) {
+  for (int i = 0; i < bytes; ++i) {
     image[offset + i] = static_cast<uint8_t>(value >> (8 * i));
   }
 }
@@ -54,17 +50,30 @@ std::string joined_log() {
 
 class FwImageTest : public SimTest {};
 
-TEST_F(FwImageTest, EmbeddedImageParsesIntoOwnedSectionsAndItsFlashMap) {
+TEST_F(FwImageTest, EmbeddedImageParsesIntoOwnedSections) {
   const std::vector<uint8_t> img = embedded();
   parsed p(img);
   ASSERT_EQ(p.result, 0u);
+  EXPECT_EQ(p.rec.fw_ver, 0x0084);
+  EXPECT_EQ(p.rec.cfg_id, 0x00B9);
+  EXPECT_EQ(p.rec.cfg_ver, 0x0051);
+  EXPECT_EQ(p.rec.cx_ver, 0x0011);
+  EXPECT_EQ(std::vector<uint8_t>(p.rec.ext_release, p.rec.ext_release + 8),
+            (std::vector<uint8_t>{0x51, 0, 0x21, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(p.pages(), (std::vector<int>{28, 1, 2, 1}));
   EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, kCodeLen));
   EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCfgAt, kCfgLen));
   EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCxAt, kCxLen));
-  EXPECT_NE(p.rec.fw_data, img.data() + kCodeAt); // copies, not views into the image
+  EXPECT_EQ((std::vector<size_t>{p.rec.fw_size, p.rec.cfg_size, p.rec.cx_size}),
+            (std::vector<size_t>{kCodeLen, kCfgLen, kCxLen}));
 
-  // The external release goes out through the plain logger, byte by byte.
-  EXPECT_EQ(log_lines().at(6), "external release: ");
+  // Progress at level 3; the external release through the plain logger.
+  for (const char *text :
+       {"FW signature OK", "Fw binary version OK", "HW Chip Id: 0x3648", "FW version: 0x0084",
+        "config id: 0x00B9", "config version: 0x0051", "fw data length: 99076 bytes",
+        "fw config data length: 3380 bytes", "cx data length: 1516 bytes", "cx version: 0x0011"}) {
+    EXPECT_TRUE(logged_at(3, kTag, text));
+  }
   EXPECT_EQ(joined_log(),
             "FW signature OK|Fw binary version OK|HW Chip Id: 0x3648|FW version: 0x0084|"
             "config id: 0x00B9|config version: 0x0051|external release: |51 |00 |21 |00 |00 |00 |"
@@ -72,101 +81,129 @@ TEST_F(FwImageTest, EmbeddedImageParsesIntoOwnedSectionsAndItsFlashMap) {
             "cx data length: 1516 bytes|cx version: 0x0011|");
   EXPECT_TRUE(android_errors().empty());
 
-  char text[512];
-  const size_t needed = fw_format_flash_map(p.rec, text, sizeof text);
-  EXPECT_EQ(needed, strlen(text));
-  EXPECT_STREQ(text, "code    pages   0-27   offset 0x00000 (     0)   99076 bytes\n"
-                     "gap     pages  28-28   offset 0x1C000 (114688)       0 bytes\n"
-                     "cx      pages  29-30   offset 0x1D000 (118784)    1516 bytes\n"
-                     "config  pages  31-31   offset 0x1F000 (126976)    3380 bytes\n");
-  // Too small a buffer, or none, still gets the full length reported.
-  char small[20];
-  EXPECT_EQ(fw_format_flash_map(p.rec, small, sizeof small), needed);
-  EXPECT_EQ(strlen(small), sizeof small - 1);
-  EXPECT_EQ(fw_format_flash_map(p.rec, nullptr, 0), needed);
-
-  // 24 code pages hold 98,304 bytes: the code no longer fits, cx moves up.
-  fw_file_info shrunk = p.rec;
-  shrunk.fw_pages = 24;
-  fw_format_flash_map(shrunk, text, sizeof text);
-  EXPECT_NE(strstr(text, "99076 bytes  (larger than its pages)\ngap     pages  24-24"), nullptr);
-  EXPECT_NE(strstr(text, "cx      pages  25-26   offset 0x19000"), nullptr) << text;
-
   clean_fw_file_info(&p.rec);
   EXPECT_TRUE(!p.rec.fw_data && !p.rec.cfg_data && !p.rec.cx_data);
+  clean_fw_file_info(nullptr); // nothing to free
 }
 
-TEST_F(FwImageTest, ForeignChipIdWarnsAndHeaderRejectionsAllocateNothing) {
-  // A foreign chip id is only reported, just before the id itself.
+TEST_F(FwImageTest, EachFieldComesFromItsOwnOffsetAndTheRestIsIgnored) {
   std::vector<uint8_t> img = embedded();
-  img[8] = '7';
+  // Bytes no field owns, scribbled over.
+  for (const auto &[from, to] : std::vector<std::pair<size_t, size_t>>{
+           {10, 16}, {18, 20}, {22, 24}, {26, 36}, {56, 64}, {kCxAt + kCxLen, img.size()}}) {
+    memset(img.data() + from, 0xEE, to - from);
+  }
+  put_le(img, 16, 0xA1B2, 2);
+  put_le(img, 20, 0xC3D4, 2);
+  put_le(img, 24, 0xE5F6, 2);
+  put_le(img, 36, 0x04030201);
+  put_le(img, 40, 0x08070605);
+  put_le(img, kCxAt + 20, 0x9A8B, 2);
+  put_le(img, 280, 0xFF030005); // geometry: code 5, gap default 1, cx 3, config 255
   parsed p(img);
-  EXPECT_EQ(p.result, 0u);
-  EXPECT_TRUE(logged("parse_fw_header_file", "Wrong Hardware Chip ID"));
-  EXPECT_EQ(android_errors(), std::vector<std::string>{"Wrong Hardware Chip ID"});
-  EXPECT_NE(joined_log().find("|Wrong Hardware Chip ID|HW Chip Id: 0x3748|"), std::string::npos);
+  ASSERT_EQ(p.result, 0u);
+  EXPECT_EQ(p.rec.fw_ver, 0xA1B2);
+  EXPECT_EQ(p.rec.cfg_id, 0xC3D4);
+  EXPECT_EQ(p.rec.cfg_ver, 0xE5F6);
+  EXPECT_EQ(p.rec.cx_ver, 0x9A8B);
+  EXPECT_EQ(std::vector<uint8_t>(p.rec.ext_release, p.rec.ext_release + 8),
+            (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(p.pages(), (std::vector<int>{5, 1, 3, 255}));
+  EXPECT_TRUE(logged_at(3, kTag, "cx version: 0x9A8B"));
+}
 
-  // Header word overwritten, the error, and everything logged.
-  const std::tuple<size_t, uint32_t, const char *, const char *> cases[] = {
-      {0, 0x55AA55AA, "Wrong FW header signature", "Wrong FW header signature|"},
-      {4, 2, "Wrong FW QLB version", "FW signature OK|Wrong FW QLB version|"}};
-  for (const auto &[offset, value, error, log] : cases) {
-    SCOPED_TRACE(error);
+TEST_F(FwImageTest, HeaderFaultsRejectOrOnlyWarn) {
+  struct header_fault {
+    size_t offset;
+    uint32_t value;
+    int bytes;
+    uint32_t result;
+    const char *error;
+    const char *log; // everything logged up to the error and the line after it
+  };
+  const header_fault cases[] = {
+      {0, 0x55AA55AA, 4, 1, "Wrong FW header signature", "Wrong FW header signature|"},
+      {4, 2, 4, 1, "Wrong FW QLB version", "FW signature OK|Wrong FW QLB version|"},
+      {8, '7', 1, 0, "Wrong Hardware Chip ID", "|Wrong Hardware Chip ID|HW Chip Id: 0x3748|"},
+      {9, 'I', 1, 0, "Wrong Hardware Chip ID", "|Wrong Hardware Chip ID|HW Chip Id: 0x3649|"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.error);
     clear_log();
-    sim::clear_recording();
-    img = embedded();
-    put_le32(img, offset, value);
+    std::vector<uint8_t> img = embedded();
+    put_le(img, c.offset, c.value, c.bytes);
     fw_file_info rec;
     memset(&rec, 0x5A, sizeof rec);
-    const size_t heap_before = sim::heap_live_blocks();
-    EXPECT_EQ(parse_fw_header_file(&rec, img.data()), 1u);
-    EXPECT_EQ(sim::heap_live_blocks(), heap_before);
+    EXPECT_EQ(parse_fw_header_file(&rec, img.data()), c.result);
+    EXPECT_TRUE(logged_error(kTag, c.error));
+    EXPECT_NE(joined_log().find(c.log), std::string::npos) << joined_log();
+    EXPECT_EQ(android_errors().size(), 1u);
+    if (c.result == 0) {
+      EXPECT_EQ(rec.fw_ver, 0x0084); // the parse went on
+      clean_fw_file_info(&rec);
+      continue;
+    }
+    // A rejected header allocates nothing and leaves the rest as it was.
+    EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
     EXPECT_TRUE(!rec.fw_data && !rec.cfg_data && !rec.cx_data && rec.cx_ver == 0);
-    EXPECT_EQ(rec.fw_ver, 0x5A5A); // the rest is left as it was
+    EXPECT_EQ(rec.fw_ver, 0x5A5A);
     EXPECT_EQ(rec.fw_size, 0x5A5A5A5Au);
-    EXPECT_EQ(joined_log(), log);
-    EXPECT_EQ(android_errors(), std::vector<std::string>{error});
   }
 }
 
-TEST_F(FwImageTest, ZeroFieldsMeanNoSectionOrTheDefaultGeometry) {
-  // No cx section: no buffer, cx version 0.
+TEST_F(FwImageTest, SectionLengthsPlaceTheSectionsAndZeroMeansNone) {
+  struct lengths_case {
+    uint32_t code, cfg, cx;
+    bool has_version; // the cx section holds bytes 20-21
+  };
+  const lengths_case cases[] = {{kCodeLen, kCfgLen, 0, false},
+                                {0, kCfgLen, kCxLen, true},
+                                {kCodeLen, 0, 22, true},
+                                {kCodeLen, 0, 21, false}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::to_string(c.code) + "/" + std::to_string(c.cfg) + "/" + std::to_string(c.cx));
+    clear_log();
+    std::vector<uint8_t> img = embedded();
+    put_le(img, 44, c.code);
+    put_le(img, 48, c.cfg);
+    put_le(img, 52, c.cx);
+    parsed p(img);
+    ASSERT_EQ(p.result, 0u);
+    EXPECT_EQ(p.rec.fw_data != nullptr, c.code != 0);
+    EXPECT_EQ(p.rec.cfg_data != nullptr, c.cfg != 0);
+    EXPECT_EQ(p.rec.cx_data != nullptr, c.cx != 0);
+    if (c.code != 0) {
+      EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, c.code));
+    }
+    if (c.cfg != 0) {
+      EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCodeAt + c.code, c.cfg));
+    }
+    if (c.cx != 0) {
+      EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCodeAt + c.code + c.cfg, c.cx));
+    }
+    const uint8_t *version = img.data() + kCodeAt + c.code + c.cfg + 20;
+    EXPECT_EQ(p.rec.cx_ver, c.has_version ? version[0] | version[1] << 8 : 0);
+    EXPECT_EQ(count_logged_starting(3, "cx version: "), c.has_version ? 1 : 0);
+  }
   std::vector<uint8_t> img = embedded();
-  put_le32(img, 52, 0);
-  parsed no_cx(img);
-  EXPECT_EQ(no_cx.result, 0u);
-  EXPECT_TRUE(no_cx.rec.cx_data == nullptr && no_cx.rec.cx_ver == 0);
-  EXPECT_FALSE(logged("cx version: 0x0011"));
-  EXPECT_TRUE(same_bytes(no_cx.rec.cfg_data, img, kCfgAt, kCfgLen));
-  // No code section: config starts right after the header, cx after it.
-  img = embedded();
-  put_le32(img, 44, 0);
-  parsed no_code(img);
-  EXPECT_EQ(no_code.result, 0u);
-  EXPECT_EQ(no_code.rec.fw_data, nullptr);
-  EXPECT_TRUE(same_bytes(no_code.rec.cfg_data, img, kCodeAt, kCfgLen));
-  EXPECT_TRUE(same_bytes(no_code.rec.cx_data, img, kCodeAt + kCfgLen, kCxLen));
-  // Each zero geometry byte takes its default page count.
-  img = embedded();
-  put_le32(img, 280, 0);
+  put_le(img, 280, 0);
   EXPECT_EQ(parsed(img).pages(), (std::vector<int>{28, 1, 2, 1}));
-  put_le32(img, 280, 0xFF030005);
-  EXPECT_EQ(parsed(img).pages(), (std::vector<int>{5, 1, 3, 0xFF}));
 }
 
 TEST_F(FwImageTest, AllocationFailureKeepsEarlierSectionsForTheCaller) {
   const std::vector<uint8_t> img = embedded();
   for (int nth = 1; nth <= 3; ++nth) {
     SCOPED_TRACE(nth);
-    sim::clear_recording();
+    clear_log();
     sim::fail_allocation(nth);
     parsed p(img);
     sim::fail_allocation(0);
     EXPECT_EQ(p.result, 2u);
-    EXPECT_EQ(android_errors(), std::vector<std::string>{"Error allocating memory"});
+    EXPECT_TRUE(logged_error(kTag, "Error allocating memory"));
     EXPECT_EQ(p.rec.fw_data != nullptr, nth > 1);
     EXPECT_EQ(p.rec.cfg_data != nullptr, nth > 2);
     EXPECT_EQ(p.rec.cx_data, nullptr);
+    EXPECT_FALSE(mentioned("cx version: 0x0011"));
   }
 }
 
@@ -176,7 +213,7 @@ TEST_F(FwImageTest, CheckAcceptsWhatFitsAndGivesTheReasonOtherwise) {
     SCOPED_TRACE(expected);
     std::vector<uint8_t> img = embedded();
     for (const auto &[offset, value] : writes) {
-      put_le32(img, offset, value);
+      put_le(img, offset, value);
     }
     char reason[160];
     EXPECT_EQ(fw_image_check(img.data(), size, reason, sizeof reason),
@@ -186,6 +223,7 @@ TEST_F(FwImageTest, CheckAcceptsWhatFitsAndGivesTheReasonOtherwise) {
   const size_t n = myArray_size;
   check(n, {}, "ok");
   check(63, {}, "image of 63 bytes is shorter than its 64-byte header");
+  check(64, {}, "code section of 99076 bytes at offset 64 runs past the end of the 64-byte image");
   check(n, {{0, 0x55AA55AA}}, "wrong signature 0x55AA55AA, expected 0xAA55AA55");
   check(n, {{4, 2}}, "wrong format version 2, expected 1");
   // The sum of the lengths must not wrap.
@@ -204,6 +242,36 @@ TEST_F(FwImageTest, CheckAcceptsWhatFitsAndGivesTheReasonOtherwise) {
   memset(reason, 'x', sizeof reason);
   EXPECT_EQ(fw_image_check(myArray, 10, reason, sizeof reason), 1u);
   EXPECT_STREQ(reason, "image of");
+}
+
+TEST_F(FwImageTest, FlashMapShowsPagesOffsetsAndWhatDoesNotFit) {
+  parsed p(embedded());
+  char text[512];
+  const size_t needed = fw_format_flash_map(p.rec, text, sizeof text);
+  EXPECT_EQ(needed, strlen(text));
+  EXPECT_STREQ(text, "code    pages   0-27   offset 0x00000 (     0)   99076 bytes\n"
+                     "gap     pages  28-28   offset 0x1C000 (114688)       0 bytes\n"
+                     "cx      pages  29-30   offset 0x1D000 (118784)    1516 bytes\n"
+                     "config  pages  31-31   offset 0x1F000 (126976)    3380 bytes\n");
+  // Too small a buffer, or none, still gets the full length reported.
+  char small[20];
+  EXPECT_EQ(fw_format_flash_map(p.rec, small, sizeof small), needed);
+  EXPECT_EQ(strlen(small), sizeof small - 1);
+  EXPECT_EQ(fw_format_flash_map(p.rec, nullptr, 0), needed);
+
+  // Exactly full pages fit; one byte more does not. No gap moves cx up.
+  fw_file_info shrunk = p.rec;
+  shrunk.fw_pages = 24;
+  shrunk.gap_pages = 0;
+  shrunk.cx_size = 2 * 4096;
+  shrunk.cfg_size = 4097;
+  fw_format_flash_map(shrunk, text, sizeof text);
+  EXPECT_STREQ(text, "code    pages   0-23   offset 0x00000 (     0)   99076 bytes  (larger than "
+                     "its pages)\n"
+                     "gap     pages none  offset 0x18000 ( 98304)       0 bytes\n"
+                     "cx      pages  24-25   offset 0x18000 ( 98304)    8192 bytes\n"
+                     "config  pages  26-26   offset 0x1A000 (106496)    4097 bytes  (larger than "
+                     "its pages)\n");
 }
 
 } // namespace
