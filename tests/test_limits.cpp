@@ -296,15 +296,11 @@ TEST_F(Limits, SplitFieldsDropBlanksAndStarsAndStopAtTheEnd) {
   EXPECT_EQ(std::strlen(token), TEST_LIMIT_TOKEN_SIZE - 1);
 }
 
-TEST_F(Limits, NumberFieldsAndTheirValues) {
+// What the value fields above do not reach: the empty field and the
+// clamping of values beyond 32 bits.
+TEST_F(Limits, NumberFieldEdges) {
   EXPECT_EQ(is_string_number(""), 1u);
-  EXPECT_EQ(is_string_number("+-0123456789"), 1u);
-  EXPECT_EQ(is_string_number("12a"), 0u);
   EXPECT_EQ(is_string_number("1.5"), 0u);
-  EXPECT_EQ(test_limit_value("+7"), 7);
-  EXPECT_EQ(test_limit_value("-30000"), -30000);
-  EXPECT_EQ(test_limit_value("1-2"), 1);
-  EXPECT_EQ(test_limit_value("--1"), 0);
   EXPECT_EQ(test_limit_value("99999999999"), INT32_MAX);
   EXPECT_EQ(test_limit_value("-99999999999"), INT32_MIN);
 }
