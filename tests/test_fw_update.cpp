@@ -259,48 +259,41 @@ TEST_F(FwUpdateTest, DecisionIsPerSectionAndByInequality) {
   struct decision {
     const char *what;
     sim::chip_identity chip;
-    bool fail_first_read; // the chip-info read before the decision
-    std::vector<int> pages;
-    std::vector<uint32_t> dma_offsets;
-    const char *versions; // chip -> file, for fw, config and cx
+    bool fail_first_read; // leaves the chip info record cleared
+    bool code, cx, cfg;   // the sections written
   };
-  std::vector<int> all_pages = page_range(0, 28);
-  all_pages.insert(all_pages.end(), {29, 30, 31});
-  const std::vector<uint32_t> code = {0, 32768, 65536, 98304},
-                              all = {0, 32768, 65536, 98304, kCxFlash, kCfgFlash};
   const decision cases[] = {
-      {"only cx differs",
-       chip_with(0x0084, 0x0051, 0x0010),
-       false,
-       {29, 30},
-       {kCxFlash},
-       "FW ver: 0084 -> 0084, config ver: 0051 -> 0051, CX ver: 0010 -> 0011"},
-      {"only config differs",
-       chip_with(0x0084, 0x0052, 0x0011),
-       false,
-       {31},
-       {kCfgFlash},
-       "FW ver: 0084 -> 0084, config ver: 0052 -> 0051, CX ver: 0011 -> 0011"},
-      {"failed read writes everything", chip_with(0x0084, 0x0051, 0x0011), true, all_pages, all,
-       "FW ver: 0000 -> 0084, config ver: 0000 -> 0051, CX ver: 0000 -> 0011"},
-      {"newer fw on the chip", chip_with(0x0090, 0x0051, 0x0011), false, page_range(0, 28), code,
-       "FW ver: 0090 -> 0084, config ver: 0051 -> 0051, CX ver: 0011 -> 0011"},
-      {"zero versions", chip_with(0, 0, 0), false, all_pages, all,
-       "FW ver: 0000 -> 0084, config ver: 0000 -> 0051, CX ver: 0000 -> 0011"},
+      {"only cx differs", chip_with(0x0084, 0x0051, 0x0010), false, false, true, false},
+      {"only config differs", chip_with(0x0084, 0x0052, 0x0011), false, false, false, true},
+      {"newer fw on the chip", chip_with(0x0090, 0x0051, 0x0011), false, true, false, false},
+      {"failed read writes everything", chip_with(0x0084, 0x0051, 0x0011), true, true, true, true},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     fresh_chip(c.chip);
     if (c.fail_first_read) {
-      sim::fail_spi_transfer(1, EIO); // leaves the chip info record cleared
+      sim::fail_spi_transfer(1, EIO);
     }
     EXPECT_EQ(fw_update(), 0u);
-    EXPECT_EQ(sim::erased_pages(), c.pages);
-    EXPECT_EQ(dma_offsets(), c.dma_offsets);
+    std::vector<int> pages = c.code ? page_range(0, 28) : std::vector<int>{};
+    std::vector<uint32_t> offsets;
+    if (c.code) {
+      offsets = {0, 32768, 65536, 98304};
+    }
+    if (c.cx) {
+      pages.insert(pages.end(), {29, 30});
+      offsets.push_back(kCxFlash);
+    }
+    if (c.cfg) {
+      pages.push_back(31);
+      offsets.push_back(kCfgFlash);
+    }
+    EXPECT_EQ(sim::erased_pages(), pages);
+    EXPECT_EQ(dma_offsets(), offsets);
     EXPECT_EQ(mentioned("Unable to read the sys info.."), c.fail_first_read);
-    EXPECT_TRUE(logged_error("fw_update", c.versions));
     EXPECT_TRUE(logged_error("fw_update", "Flash completed successfully"));
   }
+  EXPECT_TRUE(logged_error("FW ver: 0000 -> 0084, config ver: 0000 -> 0051, CX ver: 0000 -> 0011"));
 }
 
 TEST_F(FwUpdateTest, PollsEvery25msForAtMost3s) {
@@ -395,96 +388,52 @@ TEST_F(FwUpdateTest, DmaDescriptorCarriesWordAddressAndWordCountLessOne) {
 }
 
 TEST_F(FwUpdateTest, FailedTransferStopsTheUpdateWithItsMessage) {
-  // Each case fails the nth transfer of a clean run (of a chip whose code
-  // differs) that matches.
-  struct fault_case {
-    std::string what;
-    std::function<bool(const sim::spi_transfer &)> match;
-    int nth;
-    std::vector<std::string> errors; // in this order, at the end of the log
-    const char *never;               // progress that must not follow
-    std::vector<int> pages;
-    size_t dmas;
-    int64_t slept_us; // beyond the first case: the 1 ms pause, 25 ms polls
-  };
-  const auto write_of = [](uint32_t address, uint8_t value) {
+  // Each case fails the nth matching transfer of a clean run of a chip whose
+  // code differs; the stage it fails in decides the messages.
+  using matcher = std::function<bool(const sim::spi_transfer &)>;
+  const auto wr = [](uint32_t address, uint8_t value) -> matcher {
     return [=](const sim::spi_transfer &t) { return is_write(t, address) && t.tx[5] == value; };
   };
-  const auto read_of = [](uint32_t address) {
-    return [=](const sim::spi_transfer &t) { return is_read(t, address); };
+  const auto rd = [](uint32_t address, size_t min_size = 0) -> matcher {
+    return
+        [=](const sim::spi_transfer &t) { return is_read(t, address) && t.tx.size() > min_size; };
   };
-  const auto staging = [](const sim::spi_transfer &t) { return is_write(t, 0x00100000); };
-  const std::vector<std::string> failed = {"Unable to flash the fw..", "FW update failed"};
-  const auto then_failed = [&](std::vector<std::string> head) {
-    head.insert(head.end(), failed.begin(), failed.end());
-    return head;
+  const matcher staged = [](const sim::spi_transfer &t) { return is_write(t, 0x00100000); };
+  enum stage { presetup, erase, program, reset, reread };
+  const std::vector<std::string> said[] = {
+      {"Error in flash pre setup..", "Unable to flash the fw.."},
+      {"Erasing code..", "Error in flash erase..", "Unable to flash the fw.."},
+      {"flashing code..", "Unable to flash the fw.."},
+      {"FW code burn completed", "Unable to do system reset.."},
+      {"Unable to read the sys info.."}};
+  const char *never[] = {"Flash erase..", "Code erased sucessfully..", "FW code burn completed",
+                         "Unable to flash the fw..", "Flash completed successfully"};
+  struct fault_case {
+    std::string what;
+    matcher match;
+    int nth;
+    stage at;
+    int pages;        // erased from page 0
+    size_t dmas;      // started
+    int64_t slept_us; // beyond the first case: the 1 ms pause and the polls
   };
   std::vector<fault_case> cases;
-  int64_t settle = 0;
+  int64_t s = 0;
   for (const auto &w : kPreSetup) {
-    settle += w.address == 0x2000001B ? 1000 : 0;
-    cases.push_back({w.failure,
-                     write_of(w.address, w.value),
-                     1,
-                     then_failed({w.failure, "Error in flash pre setup.."}),
-                     "Flash erase..",
-                     {},
-                     0,
-                     settle});
+    s += w.address == 0x2000001B ? 1000 : 0;
+    cases.push_back({w.failure, wr(w.address, w.value), 1, presetup, 0, 0, s});
   }
-  const auto erase_failed = then_failed({"Erasing code..", "Error in flash erase.."});
-  const auto program_failed = then_failed({"flashing code.."});
-  const int64_t s = settle;
-  cases.insert(
-      cases.end(),
-      {{"control block before page 3",
-        write_of(0x2000006B, 0x00),
-        5,
-        erase_failed,
-        "Code erased sucessfully..",
-        {0, 1, 2},
-        0,
-        s + 3 * 50000},
-       {"erase of page 3",
-        write_of(0x2000006A, 0x83),
-        1,
-        erase_failed,
-        "Code erased sucessfully..",
-        {0, 1, 2},
-        0,
-        s + 3 * 50000},
-       {"erase status of page 3",
-        read_of(0x2000006A),
-        10,
-        erase_failed,
-        "Code erased sucessfully..",
-        {0, 1, 2, 3},
-        0,
-        s + 3 * 50000},
-       {"staging of chunk 2", staging, 2, program_failed, "FW code burn completed",
-        page_range(0, 28), 1, s + 28 * 50000 + 25000},
-       {"descriptor of chunk 2", write_of(0x20000072, 0x00), 2, program_failed,
-        "FW code burn completed", page_range(0, 28), 1, s + 28 * 50000 + 25000},
-       {"start block of chunk 2", write_of(0x2000006B, 0x00), 31, program_failed,
-        "FW code burn completed", page_range(0, 28), 1, s + 28 * 50000 + 25000},
-       {"dma status of chunk 2", read_of(0x20000071), 3, program_failed, "FW code burn completed",
-        page_range(0, 28), 2, s + 28 * 50000 + 25000},
-       {"final reset",
-        write_of(0x20000024, 0x80),
-        2,
-        {"FW code burn completed", "Unable to do system reset..", "FW update failed"},
-        "Unable to flash the fw..",
-        page_range(0, 28),
-        4,
-        s + 28 * 50000 + 4 * 25000},
-       {"chip info after the reset",
-        [](const sim::spi_transfer &t) { return is_read(t, 0x20010000) && t.tx.size() > 200; },
-        2,
-        {"Unable to read the sys info..", "FW update failed"},
-        "Flash completed successfully",
-        page_range(0, 28),
-        4,
-        -1}});
+  const int64_t erased = s + 28 * 50000;
+  cases.insert(cases.end(),
+               {{"control block before page 3", wr(0x2000006B, 0x00), 5, erase, 3, 0, s + 150000},
+                {"erase of page 3", wr(0x2000006A, 0x83), 1, erase, 3, 0, s + 150000},
+                {"erase status of page 3", rd(0x2000006A), 10, erase, 4, 0, s + 150000},
+                {"staging of chunk 2", staged, 2, program, 28, 1, erased + 25000},
+                {"descriptor of chunk 2", wr(0x20000072, 0x00), 2, program, 28, 1, erased + 25000},
+                {"start of chunk 2", wr(0x2000006B, 0x00), 31, program, 28, 1, erased + 25000},
+                {"dma status of chunk 2", rd(0x20000071), 3, program, 28, 2, erased + 25000},
+                {"final reset", wr(0x20000024, 0x80), 2, reset, 28, 4, erased + 100000},
+                {"chip info after the reset", rd(0x20010000, 200), 2, reread, 28, 4, -1}});
 
   const sim::chip_identity chip = chip_with(0x0080, 0x0051, 0x0011);
   fresh_chip(chip);
@@ -506,12 +455,15 @@ TEST_F(FwUpdateTest, FailedTransferStopsTheUpdateWithItsMessage) {
     const int64_t slept = sim::slept_us();
     EXPECT_EQ(vendor_afe_upgrade_fw(), code);
     EXPECT_EQ(sim::spi_transfers().size(), index); // nothing sent after the failure
-    const auto errors = android_errors();
-    ASSERT_GE(errors.size(), c.errors.size());
-    EXPECT_TRUE(in_order(errors, c.errors));
-    EXPECT_EQ(errors.back(), "FW update failed");
-    EXPECT_FALSE(mentioned(c.never));
-    EXPECT_EQ(sim::erased_pages(), c.pages);
+    std::vector<std::string> expected = said[c.at];
+    if (c.at == presetup) {
+      expected.insert(expected.begin(), c.what);
+    }
+    expected.push_back("FW update failed");
+    EXPECT_TRUE(in_order(android_errors(), expected));
+    EXPECT_EQ(last_error(), "FW update failed");
+    EXPECT_FALSE(mentioned(never[c.at]));
+    EXPECT_EQ(sim::erased_pages(), page_range(0, c.pages));
     EXPECT_EQ(sim::dma_transfers().size(), c.dmas);
     base_slept = base_slept < 0 ? sim::slept_us() - slept : base_slept;
     if (c.slept_us >= 0) {
