@@ -4,6 +4,8 @@
 #include <boost/crc.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <iterator>
 #include <random>
 #include <string>
@@ -14,6 +16,7 @@
 #include "chip/chip.h"
 #include "chip/ops/frame_parse.h"
 #include "chip/ops/lifecycle.h"
+#include "chip/transport/fw_cmd.h"
 #include "platform/ioctrl.h"
 #include "support/fixture.h"
 
@@ -21,12 +24,145 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 using strings = std::vector<std::string>;
-constexpr uint32_t kF = PANEL_FORCE;
-constexpr uint32_t kS = PANEL_SENSE;
+constexpr uint32_t kF = 16;
+constexpr uint32_t kS = 34;
 constexpr uint32_t kFullBody = 64 + 2 * (kF * kS + kF + kS); // 1,252
 constexpr uint16_t kZero = 0x8000;
 constexpr uint32_t kShift = KVR_AFE_STATUS_SHIFT_DONE;
 constexpr uint8_t kNone = WORK_PARM_NO_REQUEST;
+
+// The panel's gain factors, kept here as a copy of the panel's calibration
+// data so that a changed factor in the library shows.
+// clang-format off
+const float kGainMs[kF * kS] = {
+    // force 0
+    1.0000f, 2.3095f, 2.3328f, 2.3456f, 2.4058f, 2.3544f, 2.3618f, 2.3391f,
+    2.3384f, 2.3659f, 2.3829f, 2.3506f, 2.3540f, 2.3774f, 2.3830f, 2.4074f,
+    2.3963f, 2.3995f, 2.4256f, 2.4330f, 2.4490f, 2.4681f, 2.4719f, 2.5249f,
+    2.5227f, 2.5443f, 2.5433f, 2.5889f, 2.6023f, 2.5915f, 2.6343f, 2.6636f,
+    2.7958f, 1.0000f,
+    // force 1
+    2.3024f, 2.0776f, 2.0833f, 2.0478f, 2.0957f, 2.0916f, 2.0860f, 2.1074f,
+    2.1154f, 2.1197f, 2.1214f, 2.1301f, 2.1337f, 2.1278f, 2.1431f, 2.1459f,
+    2.1572f, 2.1647f, 2.1597f, 2.1863f, 2.1817f, 2.1933f, 2.2007f, 2.2027f,
+    2.2156f, 2.2318f, 2.2534f, 2.2566f, 2.2549f, 2.2679f, 2.2733f, 2.2802f,
+    2.2660f, 2.7538f,
+    // force 2
+    2.2905f, 2.0775f, 2.0859f, 2.0886f, 2.0883f, 2.0947f, 2.0878f, 2.1042f,
+    2.0897f, 2.1089f, 2.0975f, 2.1201f, 2.1130f, 2.1231f, 2.1440f, 2.1387f,
+    2.1579f, 2.1580f, 2.1533f, 2.1739f, 2.1782f, 2.1984f, 2.1874f, 2.2186f,
+    2.2140f, 2.2252f, 2.2390f, 2.2410f, 2.2631f, 2.2649f, 2.2788f, 2.2972f,
+    2.2591f, 2.7421f,
+    // force 3
+    2.3153f, 2.0660f, 2.0791f, 2.0726f, 2.0824f, 2.0877f, 2.0828f, 2.0927f,
+    2.0923f, 2.0867f, 2.0915f, 2.1171f, 2.1116f, 2.1229f, 2.1234f, 2.1310f,
+    2.1472f, 2.1501f, 2.1678f, 2.1661f, 2.1768f, 2.1899f, 2.1989f, 2.2073f,
+    2.2185f, 2.2182f, 2.2322f, 2.2285f, 2.2506f, 2.2500f, 2.2697f, 2.2775f,
+    2.2728f, 2.7583f,
+    // force 4
+    2.3100f, 2.0614f, 2.0599f, 2.0634f, 2.0790f, 2.0639f, 2.0816f, 2.0854f,
+    2.0774f, 2.0982f, 2.1077f, 2.0943f, 2.0992f, 2.1227f, 2.1175f, 2.1285f,
+    2.1409f, 2.1501f, 2.1481f, 2.1506f, 2.1651f, 2.1781f, 2.1897f, 2.1971f,
+    2.2132f, 2.2131f, 2.2339f, 2.2312f, 2.2336f, 2.2596f, 2.2593f, 2.2829f,
+    2.2759f, 2.7664f,
+    // force 5
+    2.3119f, 2.0553f, 2.0533f, 2.0640f, 2.0653f, 2.0707f, 2.0792f, 2.0730f,
+    2.0891f, 2.0890f, 2.0936f, 2.0848f, 2.1061f, 2.0997f, 2.1243f, 2.1105f,
+    2.1377f, 2.1418f, 2.1462f, 2.1575f, 2.1720f, 2.1803f, 2.1893f, 2.2002f,
+    2.2004f, 2.2192f, 2.2117f, 2.2225f, 2.2298f, 2.2531f, 2.2676f, 2.2595f,
+    2.2430f, 2.7495f,
+    // force 6
+    2.2932f, 2.0536f, 2.0607f, 2.0593f, 2.0630f, 2.0625f, 2.0612f, 2.0608f,
+    2.0724f, 2.0864f, 2.0853f, 2.0987f, 2.0925f, 2.1097f, 2.1206f, 2.1061f,
+    2.1234f, 2.1305f, 2.1387f, 2.1372f, 2.1574f, 2.1659f, 2.1827f, 2.1785f,
+    2.1968f, 2.1965f, 2.2149f, 2.2176f, 2.2322f, 2.2432f, 2.2449f, 2.2674f,
+    2.2568f, 2.7509f,
+    // force 7
+    2.2786f, 2.0600f, 2.0477f, 2.0481f, 2.0585f, 2.0657f, 2.0513f, 2.0592f,
+    2.0771f, 2.0775f, 2.0704f, 2.0848f, 2.1003f, 2.1040f, 2.1142f, 2.1147f,
+    2.1163f, 2.1244f, 2.1384f, 2.1293f, 2.1606f, 2.1632f, 2.1732f, 2.1700f,
+    2.1735f, 2.1925f, 2.2140f, 2.2103f, 2.2217f, 2.2400f, 2.2456f, 2.2615f,
+    2.2363f, 1.0000f,
+    // force 8
+    2.2884f, 2.0422f, 2.0511f, 2.0434f, 2.0492f, 2.0460f, 2.0704f, 2.0751f,
+    2.0642f, 2.0826f, 2.0797f, 2.0875f, 2.0843f, 2.1038f, 2.1019f, 2.1011f,
+    2.1176f, 2.1329f, 2.1341f, 2.1469f, 2.1591f, 2.1680f, 2.1627f, 2.1686f,
+    2.1830f, 2.1876f, 2.1967f, 2.2040f, 2.2165f, 2.2368f, 2.2460f, 2.2630f,
+    2.2346f, 1.0000f,
+    // force 9
+    2.2876f, 2.0562f, 2.0597f, 2.0543f, 2.0673f, 2.0635f, 2.0708f, 2.0757f,
+    2.0809f, 2.0827f, 2.0912f, 2.0860f, 2.0944f, 2.1004f, 2.1155f, 2.1048f,
+    2.1234f, 2.1296f, 2.1490f, 2.1425f, 2.1648f, 2.1657f, 2.1765f, 2.1915f,
+    2.1827f, 2.1904f, 2.2038f, 2.2158f, 2.2211f, 2.2397f, 2.2623f, 2.2660f,
+    2.2592f, 2.7483f,
+    // force 10
+    2.2853f, 2.0530f, 2.0596f, 2.0540f, 2.0699f, 2.0579f, 2.0703f, 2.0755f,
+    2.0695f, 2.0809f, 2.0807f, 2.0915f, 2.1068f, 2.1118f, 2.1243f, 2.1130f,
+    2.1390f, 2.1429f, 2.1517f, 2.1626f, 2.1617f, 2.1619f, 2.1760f, 2.1791f,
+    2.1955f, 2.2188f, 2.2079f, 2.2242f, 2.2416f, 2.2373f, 2.2565f, 2.2698f,
+    2.2687f, 2.7376f,
+    // force 11
+    2.2994f, 2.0773f, 2.0753f, 2.0657f, 2.0713f, 2.0807f, 2.0715f, 2.0778f,
+    2.0852f, 2.0930f, 2.1079f, 2.0957f, 2.1051f, 2.1118f, 2.1289f, 2.1401f,
+    2.1412f, 2.1372f, 2.1478f, 2.1656f, 2.1684f, 2.1769f, 2.1868f, 2.2033f,
+    2.2070f, 2.2163f, 2.2232f, 2.2283f, 2.2393f, 2.2533f, 2.2654f, 2.2702f,
+    2.2622f, 2.7626f,
+    // force 12
+    2.2857f, 2.0787f, 2.0690f, 2.0665f, 2.0861f, 2.0758f, 2.0834f, 2.0878f,
+    2.0911f, 2.1053f, 2.1080f, 2.1059f, 2.1111f, 2.1273f, 2.1355f, 2.1273f,
+    2.1445f, 2.1478f, 2.1549f, 2.1663f, 2.1790f, 2.1863f, 2.1822f, 2.2038f,
+    2.2161f, 2.2124f, 2.2242f, 2.2468f, 2.2452f, 2.2712f, 2.2662f, 2.2746f,
+    2.2752f, 2.7715f,
+    // force 13
+    2.2942f, 2.0784f, 2.0862f, 2.0752f, 2.0751f, 2.0900f, 2.0789f, 2.0873f,
+    2.0931f, 2.1149f, 2.1185f, 2.1105f, 2.1096f, 2.1228f, 2.1238f, 2.1413f,
+    2.1558f, 2.1557f, 2.1747f, 2.1753f, 2.1792f, 2.1866f, 2.2007f, 2.2002f,
+    2.2231f, 2.2176f, 2.2404f, 2.2468f, 2.2544f, 2.2566f, 2.2858f, 2.2975f,
+    2.2825f, 2.7532f,
+    // force 14
+    2.3168f, 2.0792f, 2.0807f, 2.0920f, 2.0997f, 2.0842f, 2.1040f, 2.1083f,
+    2.1174f, 2.1204f, 2.1253f, 2.1232f, 2.1185f, 2.1452f, 2.1443f, 2.1351f,
+    2.1454f, 2.1571f, 2.1658f, 2.1694f, 2.1883f, 2.2028f, 2.2048f, 2.2232f,
+    2.2342f, 2.2338f, 2.2319f, 2.2633f, 2.2528f, 2.2837f, 2.2918f, 2.2856f,
+    2.2520f, 2.7759f,
+    // force 15
+    1.0000f, 2.3485f, 2.3492f, 2.3731f, 2.3598f, 2.3823f, 2.3729f, 2.3833f,
+    2.3801f, 2.3708f, 2.3743f, 2.4123f, 2.4065f, 2.3998f, 2.3928f, 2.4181f,
+    2.4431f, 2.4345f, 2.4732f, 2.4471f, 2.4841f, 2.5016f, 2.4845f, 2.5292f,
+    2.5452f, 2.5635f, 2.5809f, 2.5972f, 2.6291f, 2.6448f, 2.6355f, 2.6662f,
+    2.7075f, 1.0000f,
+};
+const float kGainSsForce[kF] = {
+    1.0f,   0.938f, 0.938f, 0.938f, 0.938f, 0.938f, 0.938f, 0.938f,
+    0.938f, 0.938f, 0.938f, 0.938f, 0.938f, 0.938f, 0.938f, 1.0f,
+};
+const float kGainSsSense[kS] = {
+    0.705f, 0.686f, 0.677f, 0.718f, 0.714f, 0.729f, 0.746f, 0.742f, 0.778f,
+    0.787f, 0.791f, 0.805f, 0.818f, 0.804f, 0.805f, 0.804f, 0.845f, 0.856f,
+    0.852f, 0.882f, 0.874f, 0.928f, 0.926f, 0.904f, 0.936f, 0.921f, 0.928f,
+    0.935f, 0.947f, 0.931f, 0.956f, 0.971f, 0.982f, 0.990f,
+};
+// clang-format on
+
+// gain x raw in single precision, truncated toward zero.
+int32_t truncated(float gain, int16_t raw) {
+  return static_cast<int32_t>(gain * static_cast<float>(raw));
+}
+uint16_t converted(float gain, int16_t raw) {
+  return static_cast<uint16_t>(truncated(gain, raw));
+}
+
+// A raw value from seed on whose product with gain truncates differently in
+// double precision; seed itself for an exact gain such as 1.0.
+int16_t precision_sensitive_raw(float gain, int seed) {
+  for (int step = 0; step < 65536; ++step) {
+    const auto raw = static_cast<int16_t>(seed + step);
+    if (static_cast<int32_t>(static_cast<double>(gain) * raw) != truncated(gain, raw)) {
+      return raw;
+    }
+  }
+  return static_cast<int16_t>(seed);
+}
 
 // An independent CRC: Boost's generic table-driven CRC with the same
 // parameters, fed the bytes of each word in the order +3, +2, +1, +0.
@@ -41,7 +177,7 @@ uint32_t reference_crc(const uint8_t *data, size_t length) {
 }
 
 // A frame of this panel with all raw values zero, by default at the working
-// point the tests start from (160 kHz, rate code 0x40 = 120 Hz).
+// point a start leaves (160 kHz, rate code 0x40 = 120 Hz).
 sim::frame_fields frame(uint16_t index, uint16_t freq = 160, uint8_t rate_code = 0x40) {
   sim::frame_fields desc;
   desc.counter = desc.index = desc.fw_counter = index;
@@ -61,23 +197,21 @@ strings messages_with(const std::string &part) {
   return found;
 }
 
-class FrameParseTest : public SimTest {
+class FrameParseTest : public IoSimTest {
 protected:
   void SetUp() override {
-    SimTest::SetUp();
-    uint16_t freqs[] = {160, 200, 240}, rates[] = {120, 180};
-    kvr_hw_cap cap{};
-    cap.freq_list = freqs;
-    cap.freq_count = 3;
-    cap.rate_list = rates;
-    cap.rate_count = 2;
-    publish_hw_cap(cap);
+    IoSimTest::SetUp();
+    // The simulated chip's points 160, 145, 133, 123 kHz and rates 120,
+    // 180 Hz; the working point and the checksum table as a start leaves
+    // them.
+    ASSERT_NE(vendor_update_hw_cap(), nullptr);
+    init_work_parm();
+    clear_log();
+    sim::clear_recording();
   }
 
-  // Parses the bytes from the receive area, cut down to area bytes if given;
-  // the Android log then holds only what this frame reported.
+  // Parses the bytes from the receive area, cut down to area bytes if given.
   bool parse(const bytes &data, uint32_t area = 0) {
-    sim::clear_recording();
     ioctrl_framedata *req = vendor_get_ioctrl_framedata();
     std::copy(data.begin(), data.end(), req->buf);
     req->size = area != 0 ? area : req->size;
@@ -88,10 +222,7 @@ protected:
   kvr_frame_data record_{};
 };
 
-TEST(FrameCrc, MatchesAnIndependentCrcForEveryTailLengthAfterATableRebuild) {
-  crc_table[0x5A] ^= 0x00010000; // a damaged table is rebuilt, not kept
-  crc_table[0xFF] = 0;
-  build_crc_table();
+TEST_F(FrameParseTest, ChecksumMatchesAnIndependentCrcForEveryTailLength) {
   std::mt19937 rng(7);
   bytes data(1300);
   std::generate(data.begin(), data.end(), [&] { return static_cast<uint8_t>(rng()); });
@@ -100,178 +231,276 @@ TEST(FrameCrc, MatchesAnIndependentCrcForEveryTailLengthAfterATableRebuild) {
   for (uint32_t length : {20u, 21u, 22u, 23u, 24u, 25u, 37u, 99u, 1249u, 1250u, 1251u, 1252u}) {
     EXPECT_EQ(calculate_crc(data.data(), length), reference_crc(data.data(), length)) << length;
   }
+  EXPECT_TRUE(logged_at(4, "calculate_crc", "Buffer total length = 1252"));
 }
 
-TEST_F(FrameParseTest, HeaderFieldsAndDataTransposedReversedAndGainCorrected) {
-  // A raw value and where it lands: gain x raw truncated toward zero, low 16
-  // bits, XOR 0x8000. Mutual output is sense-major with both axes reversed;
-  // self output is force then sense, each reversed.
-  using F = sim::frame_fields;
-  const std::tuple<std::vector<int16_t> F::*, uint32_t, int16_t, uint32_t, uint16_t> values[] = {
-      {&F::mutual, 15 * kS + 33, 1533, 0, 1533 ^ kZero}, // gain 1.0 corners
-      {&F::mutual, 15 * kS + 0, 1500, 33 * kF, 1500 ^ kZero},
-      {&F::mutual, 0 * kS + 0, -100, 33 * kF + 15, 0x7F9C},
-      {&F::mutual, 1 * kS + 1, 101, 32 * kF + 14, 0x80D1},  // gain 2.0776: 209.84 -> 209
-      {&F::mutual, 1 * kS + 2, -101, 31 * kF + 14, 0x7F2E}, // gain 2.0833: -210.41 -> -210
-      {&F::mutual, 0 * kS + 32, 32767, kF + 15, 0xE5D9},    // gain 2.7958: 91609, low 16 bits
-      {&F::self_force, 15, 25, 0, 25 ^ kZero},              // gain 1.0
-      {&F::self_force, 14, 24, 1, 22 ^ kZero},              // gain 0.938: 22.5
-      {&F::self_sense, 33, 1000, kF, 990 ^ kZero},          // gain 0.990
-      {&F::self_sense, 0, 300, kF + 33, 211 ^ kZero},       // gain 0.705: 211.5
-      {&F::self_sense, 5, -50, kF + 28, 0x7FDC},            // gain 0.729: -36.45 -> -36
-  };
-  sim::frame_fields desc = frame(42, 200, 0x3F);
-  for (auto [list, at, raw, pos, out] : values) {
-    (desc.*list)[at] = raw;
+TEST_F(FrameParseTest, EveryNodeIsGainCorrectedInSinglePrecisionAndReordered) {
+  // Mutual output k = o*F + i takes raw node (F-1-i, S-1-o): sense-major,
+  // both axes reversed. Self output: force then sense, each reversed. Each
+  // node carries a raw value whose product truncates differently in double
+  // precision.
+  for (const auto &[force, sense] : {std::pair{kF, kS}, std::pair{2u, 3u}}) {
+    SCOPED_TRACE(std::to_string(force) + " X " + std::to_string(sense));
+    sim::frame_fields desc = frame(9);
+    desc.force = static_cast<uint8_t>(force);
+    desc.sense = static_cast<uint8_t>(sense);
+    desc.mutual.resize(force * sense);
+    desc.self_force.resize(force);
+    desc.self_sense.resize(sense);
+    int seed = -32768;
+    for (uint32_t e = 0; e < force * sense; ++e) {
+      desc.mutual[e] = precision_sensitive_raw(kGainMs[e], seed += 997);
+    }
+    for (uint32_t c = 0; c < force; ++c) {
+      desc.self_force[c] = precision_sensitive_raw(kGainSsForce[c], seed += 997);
+    }
+    for (uint32_t c = 0; c < sense; ++c) {
+      desc.self_sense[c] = precision_sensitive_raw(kGainSsSense[c], seed += 997);
+    }
+    ASSERT_TRUE(parse(desc));
+    int wrong = 0;
+    for (uint32_t o = 0; o < sense; ++o) {
+      for (uint32_t i = 0; i < force; ++i) {
+        const uint32_t e = (force - 1 - i) * sense + (sense - 1 - o);
+        wrong += record_.mutual[o * force + i] != (converted(kGainMs[e], desc.mutual[e]) ^ kZero);
+      }
+    }
+    for (uint32_t j = 0; j < force; ++j) {
+      const uint32_t c = force - 1 - j;
+      wrong += record_.self[j] != (converted(kGainSsForce[c], desc.self_force[c]) ^ kZero);
+    }
+    for (uint32_t j = 0; j < sense; ++j) {
+      const uint32_t c = sense - 1 - j;
+      wrong += record_.self[force + j] != (converted(kGainSsSense[c], desc.self_sense[c]) ^ kZero);
+    }
+    EXPECT_EQ(wrong, 0);
   }
-  desc.noise_level = 9;
-  const uint16_t stddev[] = {1, 300, 65535, 4};
-  std::copy(stddev, stddev + 4, desc.stddev);
+
+  // Zero signal reads 0x8000; -100 at the corner gain of 1.0 reads 0x7F9C.
+  sim::frame_fields desc = frame(10);
+  desc.mutual[0] = -100;
+  desc.mutual[kF * kS - 1] = 7;
   ASSERT_TRUE(parse(desc));
-  EXPECT_TRUE(logged("vendor_parse_ioctrl_frame", "Frame 42 checksum OK"));
-  EXPECT_EQ(record_.frame_index, 42u);
-  EXPECT_EQ(record_.freq_khz, 200);
-  EXPECT_EQ(record_.rate_hz, 180);
-  EXPECT_TRUE(logged("Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: 4"));
-  EXPECT_TRUE(logged("Frame index: 42, size: 16 X 34, scan mode: 04, freq: 200KHz, rate: 180Hz"));
-  for (auto [list, at, raw, pos, out] : values) {
-    EXPECT_EQ((list == &F::mutual ? record_.mutual : record_.self)[pos], out) << raw;
-  }
-  EXPECT_EQ(std::count(record_.mutual, record_.mutual + kF * kS, kZero), kF * kS - 6);
-  EXPECT_EQ(std::count(record_.self, record_.self + kF + kS, kZero), kF + kS - 5);
+  EXPECT_EQ(record_.mutual[kF * kS - 1], 0x7F9C);
+  EXPECT_EQ(record_.mutual[0], 0x8007);
+  EXPECT_EQ(std::count(record_.mutual, record_.mutual + kF * kS, kZero), kF * kS - 2);
 }
 
-TEST_F(FrameParseTest, SmallerPanelsUseTheirOwnGeometryAndAPaddedChecksum) {
-  // 2 x 3 channels: the checksummed body is 86 bytes, 66 from byte 20, so
-  // the last word is padded.
-  sim::frame_fields desc;
-  desc.force = 2;
-  desc.sense = 3;
-  desc.mutual = {1, 2, 3, 4, 5, 6};
-  desc.self_force = {7, 8};
-  desc.self_sense = {9, 10, 11};
-  ASSERT_TRUE(parse(desc));
-  // Raw node index f*3 + s picks gain_ms[f*3 + s]; only index 0 is 1.0.
-  EXPECT_EQ(record_.mutual[5], 1 ^ kZero);                                     // raw (0,0)
-  EXPECT_EQ(record_.mutual[0], static_cast<uint16_t>(gain_ms[5] * 6) ^ kZero); // raw (1,2)
-  EXPECT_EQ(record_.self[0], static_cast<uint16_t>(gain_ss_force[1] * 8) ^ kZero);
-  EXPECT_EQ(record_.self[2], static_cast<uint16_t>(gain_ss_sense[2] * 11) ^ kZero);
+TEST_F(FrameParseTest, TheGainTablesAreThePanelsCalibrationData) {
+  EXPECT_TRUE(std::equal(std::begin(kGainMs), std::end(kGainMs), gain_ms));
+  EXPECT_TRUE(std::equal(std::begin(kGainSsForce), std::end(kGainSsForce), gain_ss_force));
+  EXPECT_TRUE(std::equal(std::begin(kGainSsSense), std::end(kGainSsSense), gain_ss_sense));
 }
 
-TEST_F(FrameParseTest, ScanModeAndFlagsMakeTheStatusBits) {
-  // Idle 0x01, active 0x02, calibration done 0x08, recalibration request 0x80.
-  const std::tuple<uint8_t, uint8_t, uint8_t, uint32_t, std::string> cases[] = {
-      {4, 0, 0, 0x02, "Active status: 00000002"},
-      {2, 0, 0, 0x01, "Idle status: 00000001"},
-      {3, 0, 0, 0x00, "None status: 00000000"},
-      {4, 1, 0, 0x0A, "Calibration done status: 0000000A"},
-      {4, 0, 1, 0x82, "Recal request status: 00000082"},
+TEST_F(FrameParseTest, FrameProcessConvertsTheWholeRawRangeWithTheChosenTable) {
+  // Table, geometry and copy; the offset is added after truncation.
+  const std::tuple<int32_t, uint8_t, uint8_t, const float *> tables[] = {
+      {GAIN_MS, kF, kS, kGainMs},
+      {GAIN_SS_FORCE, 1, kF, kGainSsForce},
+      {GAIN_SS_SENSE, 1, kS, kGainSsSense},
   };
-  for (const auto &[mode, calibrated, recal, status, log] : cases) {
+  constexpr uint16_t kOffset = 5;
+  for (const auto &[table, force, sense, gains] : tables) {
+    SCOPED_TRACE(table);
+    const uint32_t nodes = static_cast<uint32_t>(force) * sense;
+    std::vector<int16_t> src(nodes);
+    std::vector<uint16_t> dest(nodes);
+    int wrong = 0;
+    for (int raw = -32768; raw <= 32767; ++raw) {
+      std::fill(src.begin(), src.end(), static_cast<int16_t>(raw));
+      frame_process(reinterpret_cast<const uint8_t *>(src.data()), dest.data(), force, sense,
+                    kOffset, table);
+      for (uint32_t o = 0; o < sense; ++o) {
+        for (uint32_t i = 0; i < force; ++i) {
+          const uint32_t e = (force - 1u - i) * sense + (sense - 1u - o);
+          const auto expected = static_cast<uint16_t>(converted(gains[e], src[e]) + kOffset);
+          wrong += dest[o * force + i] != expected;
+        }
+      }
+    }
+    EXPECT_EQ(wrong, 0);
+  }
+
+  // Nothing is written without sense channels, for an unknown table or for
+  // more nodes than the table has.
+  std::vector<int16_t> src(kF * kS, 100);
+  std::vector<uint16_t> dest(kF * kS, 0xAAAA);
+  const auto *raw = reinterpret_cast<const uint8_t *>(src.data());
+  frame_process(raw, dest.data(), kF, 0, 0, GAIN_MS);
+  for (int32_t index : {0, 4, -1}) {
+    frame_process(raw, dest.data(), kF, kS, 0, index);
+    EXPECT_TRUE(logged_error("frame_process", "Cannot find gain index " + std::to_string(index)));
+  }
+  frame_process(raw, dest.data(), kF, 2, 0, GAIN_SS_FORCE);
+  frame_process(raw, dest.data(), kF + 1, kS, 0, GAIN_MS);
+  EXPECT_EQ(android_errors().size(), 5u);
+  EXPECT_EQ(std::count(dest.begin(), dest.end(), 0xAAAA), static_cast<long>(kF * kS));
+}
+
+TEST_F(FrameParseTest, HeaderFieldsAndTheRateCode) {
+  // Rate code and rate: below 0x40 is 180 Hz.
+  const std::pair<uint8_t, uint16_t> rates[] = {{0x3F, 180}, {0x40, 120}, {0x00, 180}, {0xFF, 120}};
+  uint16_t index = 40;
+  for (const auto &[code, rate] : rates) {
+    sim::frame_fields desc = frame(++index, 145, code);
+    desc.noise_level = 9;
+    const uint16_t stddev[] = {1, 300, 65535, static_cast<uint16_t>(index)};
+    std::copy(stddev, stddev + 4, desc.stddev);
+    clear_log();
+    ASSERT_TRUE(parse(desc));
+    EXPECT_EQ(record_.frame_index, index);
+    EXPECT_EQ(record_.freq_khz, 145);
+    EXPECT_EQ(record_.rate_hz, rate);
+    EXPECT_TRUE(logged_at(4, "vendor_parse_ioctrl_frame",
+                          "Frame " + std::to_string(index) + " checksum OK"));
+    char line[96];
+    snprintf(line, sizeof line,
+             "Frame index: %d, size: 16 X 34, scan mode: 04, freq: 145KHz, rate: %dHz", index,
+             rate);
+    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
+    snprintf(line, sizeof line, "Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: %d", index);
+    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
+  }
+  EXPECT_FALSE(vendor_loop_get_frame());
+}
+
+TEST_F(FrameParseTest, ScanModeAndCalibrationMakeTheStatusBits) {
+  // Scan mode, calibrated, status at the working point (no shift), lines.
+  const std::tuple<uint8_t, bool, uint32_t, strings> cases[] = {
+      {4, false, 0x02, {"Active status: 00000002"}},
+      {2, false, 0x01, {"Idle status: 00000001"}},
+      {3, false, 0x00, {"None status: 00000000"}},
+      {4, true, 0x0A, {"Active status: 00000002", "Calibration done status: 0000000A"}},
+      {0, true, 0x08, {"None status: 00000000", "Calibration done status: 00000008"}},
+  };
+  for (const auto &[mode, calibrated, status, lines] : cases) {
+    SCOPED_TRACE(status);
+    vendor_clear_status(KVR_AFE_STATUS_CALIBRATION_DONE);
+    if (calibrated) {
+      ASSERT_TRUE(vendor_calibration());
+    }
     sim::frame_fields desc = frame(43);
     desc.scan_mode = mode;
-    calibration_done.store(calibrated);
-    recal_request.store(recal);
+    clear_log();
     ASSERT_TRUE(parse(desc));
-    EXPECT_EQ(record_.status, status) << log; // at the working point: no shift
-    EXPECT_TRUE(logged(log));
+    EXPECT_EQ(record_.status, status);
+    EXPECT_EQ(messages_with(" status: "), lines);
+    for (const auto &line : lines) {
+      EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", line));
+    }
   }
 }
 
-TEST_F(FrameParseTest, BadFramesAreRejectedBeforeTheChecksumAndLeaveTheRecordAlone) {
-  // Bytes written at an offset of a good frame 5, and the error reported.
+TEST_F(FrameParseTest, BadFramesAreRejectedAndLeaveTheRecordButTheIndex) {
+  // Bytes written at an offset of a good frame 5, the error reported, and
+  // whether the frame index reached the record before the rejection.
   const std::string panel = " (panel 16 X 34, area 3000 bytes)";
-  const std::tuple<size_t, bytes, std::string> cases[] = {
-      {0, {0xA5, 0x3B}, "Invalid header information found A5 3B"},
-      {0, {0x00, 0x3A}, "Invalid header information found 00 3A"},
-      {kFullBody, {6}, "Counter not matched: 5/6"}, // the trailer one off
-      {48, {34, 17}, "Impossible channel count: force 17, sense 34" + panel},
-      {48, {35, 16}, "Impossible channel count: force 16, sense 35" + panel},
-      {48, {255, 255}, "Impossible channel count: force 255, sense 255" + panel},
-      {48, {1, 40}, "Impossible channel count: force 40, sense 1" + panel},
+  const std::tuple<size_t, bytes, std::string, bool> cases[] = {
+      {0, {0xA5, 0x3B}, "Invalid header information found A5 3B", false},
+      {0, {0x00, 0x3A}, "Invalid header information found 00 3A", false},
+      {kFullBody, {6}, "Counter not matched: 5/6", true}, // the trailer one off
+      {2, {4}, "Counter not matched: 4/5", true},
+      {48, {34, 17}, "Impossible channel count: force 17, sense 34" + panel, true},
+      {48, {35, 16}, "Impossible channel count: force 16, sense 35" + panel, true},
+      {48, {255, 255}, "Impossible channel count: force 255, sense 255" + panel, true},
   };
   const bytes good = sim::build_frame(frame(5));
   // The area the driver filled must hold the whole frame; the next request
   // lends the whole area again.
   EXPECT_TRUE(parse(good, 1254));
   EXPECT_FALSE(parse(good, 1253));
-  EXPECT_EQ(
-      android_errors(),
-      strings{"Impossible channel count: force 16, sense 34 (panel 16 X 34, area 1253 bytes)"});
+  EXPECT_TRUE(logged_error(
+      "vendor_parse_ioctrl_frame",
+      "Impossible channel count: force 16, sense 34 (panel 16 X 34, area 1253 bytes)"));
+  EXPECT_EQ(vendor_get_ioctrl_framedata()->size, 3000u);
   EXPECT_FALSE(vendor_parse_ioctrl_frame(nullptr, &record_));
+  EXPECT_TRUE(logged_error("No frame to parse"));
   ASSERT_TRUE(parse(good));
   uint16_t *mutual = record_.mutual;
-  for (const auto &[at, with, error] : cases) {
+  for (const auto &[at, with, error, indexed] : cases) {
+    SCOPED_TRACE(error);
     bytes data = good;
     std::copy(with.begin(), with.end(), data.begin() + static_cast<long>(at));
     record_.status = 0x1234;
+    record_.frame_index = 77;
     clear_log();
-    EXPECT_FALSE(parse(data)) << error;
+    EXPECT_FALSE(parse(data));
     EXPECT_EQ(android_errors(), strings{error});
-    EXPECT_EQ(messages_with("checksum"), strings{});
+    EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", error));
+    EXPECT_EQ(count_logged_starting(4, "Buffer total length"), 0); // no checksum computed
     EXPECT_EQ(record_.mutual, mutual);
     EXPECT_EQ(record_.status, 0x1234u);
+    EXPECT_EQ(record_.frame_index, indexed ? 5u : 77u);
   }
 }
 
-TEST_F(FrameParseTest, LossesAndChecksumErrorsAreCountedUntilAStateReset) {
-  // Frame index and firmware counter; the first frame after load compares
-  // with 0, and a repeated index is no loss either.
-  for (auto [index, fw_counter] : {std::pair{1, 1}, {7, 20}, {10, 23}, {11, 24}, {11, 25}}) {
-    sim::frame_fields desc = frame(static_cast<uint16_t>(index));
-    desc.fw_counter = static_cast<uint16_t>(fw_counter);
+TEST_F(FrameParseTest, LossesAndChecksumErrorsAreCounted) {
+  // Frame index, firmware counter, the loss reported. The first frame after
+  // load compares with 0; a repeated or older index is no loss.
+  const std::tuple<uint16_t, uint16_t, std::string> frames[] = {
+      {3, 3, "Frame missing: drop 2 frames, FW drops 3 frames"},
+      {7, 20, "Frame missing: drop 3 frames, FW drops 17 frames"},
+      {8, 21, ""},
+      {8, 22, ""},
+      {7, 23, ""},
+      {10, 23, "Frame missing: drop 2 frames, FW drops 0 frames"},
+  };
+  for (const auto &[index, fw_counter, loss] : frames) {
+    SCOPED_TRACE(index);
+    sim::frame_fields desc = frame(index);
+    desc.fw_counter = fw_counter;
+    clear_log();
     ASSERT_TRUE(parse(desc));
+    EXPECT_EQ(messages_with("Frame missing"), loss.empty() ? strings{} : strings{loss});
+    EXPECT_TRUE(loss.empty() || logged_error("vendor_parse_ioctrl_frame", loss));
   }
 
-  bytes data = sim::build_frame(frame(12));
-  const uint32_t stored = reference_crc(data.data(), kFullBody);
-  data[100] ^= 0x01;
-  const uint32_t computed = reference_crc(data.data(), kFullBody);
-  EXPECT_FALSE(parse(data));
-  char text[160];
-  snprintf(text, sizeof text,
-           "Error frame 12 checksum, error count 1, header CRC = %08X, calculated CRC = %08X",
-           stored, computed);
-  EXPECT_EQ(android_errors(), strings{text});
-  ASSERT_TRUE(parse(frame(12))); // a good frame keeps the count
-  EXPECT_EQ(crc_error_count.load(), 1u);
-  EXPECT_EQ(messages_with("Frame missing"),
-            (strings{"Frame missing: drop 5 frames, FW drops 19 frames",
-                     "Frame missing: drop 2 frames, FW drops 3 frames"}));
-
-  calibration_done.store(1);
-  frame_parse_reset_state();
-  EXPECT_EQ(crc_error_count.load(), 0u);
-  EXPECT_EQ(calibration_done.load(), 0);
-  clear_log();
-  ASSERT_TRUE(parse(frame(3))); // compared with 0 again
-  EXPECT_TRUE(logged("Frame missing: drop 2 frames, FW drops 3 frames"));
+  // Each checksum error counts; a good frame in between keeps the count.
+  for (int error = 1; error <= 2; ++error) {
+    bytes data = sim::build_frame(frame(12));
+    const uint32_t stored = reference_crc(data.data(), kFullBody);
+    data[100 + error] ^= 0x01;
+    const uint32_t computed = reference_crc(data.data(), kFullBody);
+    record_.frame_index = 0;
+    clear_log();
+    EXPECT_FALSE(parse(data));
+    EXPECT_EQ(record_.frame_index, 12u);
+    char text[160];
+    snprintf(text, sizeof text,
+             "Error frame 12 checksum, error count %d, header CRC = %08X, calculated CRC = %08X",
+             error, stored, computed);
+    EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", text));
+    ASSERT_TRUE(parse(frame(12)));
+  }
 }
 
 TEST_F(FrameParseTest, ShiftsAreTrackedPerAxisOrForBothRequestedAxes) {
-  // Lists: 160/200/240 kHz, 120/180 Hz (rate code 0x10 = 180 Hz). Each step
-  // sets the requests, parses a frame and expects the shift bit, the shift
-  // log and the working point after it; the parser never clears a request.
+  // Lists: 160/145/133/123 kHz, 120/180 Hz (rate code 0x3F = 180 Hz). Each
+  // step sets the requests, parses a frame and expects the shift bit, the
+  // shift log and the working point after it; the parser never clears a
+  // request.
   const std::tuple<uint8_t, uint8_t, uint16_t, uint8_t, bool, std::string, uint8_t, uint8_t>
       steps[] = {
-          {kNone, kNone, 240, 0x40, true, "Frequency shift done: 160 -> 240KHz", 2, 0},
-          {kNone, kNone, 240, 0x10, true, "Scan rate shift done: 120 -> 180Hz", 2, 1},
+          {kNone, kNone, 133, 0x40, true, "Frequency shift done: 160 -> 133KHz", 2, 0},
+          {kNone, kNone, 133, 0x3F, true, "Scan rate shift done: 120 -> 180Hz", 2, 1},
           // A frequency outside the list falls back to index 0.
-          {kNone, kNone, 175, 0x10, true, "Frequency shift done: 240 -> 175KHz", 0, 1},
+          {kNone, kNone, 175, 0x3F, true, "Frequency shift done: 133 -> 175KHz", 0, 1},
           // Both axes requested: done only when both have arrived.
-          {1, 0, 200, 0x10, false,
-           "Shift not all effective yet, print prev/cur/target, freq: 160/200/200, rate: "
+          {1, 0, 145, 0x3F, false,
+           "Shift not all effective yet, print prev/cur/target, freq: 160/145/145, rate: "
            "180/180/120",
            0, 1},
-          {1, 0, 200, 0x40, true,
-           "Frequency and Scan rate shift are done, freq: 160 -> 200KHz, rate: 180 -> 120", 1, 0},
+          {1, 0, 145, 0x40, true,
+           "Frequency and Scan rate shift are done, freq: 160 -> 145KHz, rate: 180 -> 120", 1, 0},
           // One axis requested: not before it arrives, then on every frame
           // until the service acknowledges it.
-          {2, kNone, 200, 0x40, false, "", 1, 0},
-          {2, kNone, 240, 0x40, true, "Frequency shift done: 200 -> 240KHz", 2, 0},
-          {2, kNone, 240, 0x40, true, "Frequency shift done: 240 -> 240KHz", 2, 0},
-          {kNone, kNone, 240, 0x40, false, "", 2, 0},
-          {kNone, 1, 240, 0x40, false, "", 2, 0},
+          {2, kNone, 145, 0x40, false, "", 1, 0},
+          {2, kNone, 133, 0x40, true, "Frequency shift done: 145 -> 133KHz", 2, 0},
+          {2, kNone, 133, 0x40, true, "Frequency shift done: 133 -> 133KHz", 2, 0},
+          {kNone, kNone, 133, 0x40, false, "", 2, 0},
+          {kNone, 1, 133, 0x40, false, "", 2, 0},
+          {kNone, 1, 133, 0x3F, true, "Scan rate shift done: 120 -> 180Hz", 2, 1},
+          {kNone, 1, 133, 0x3F, true, "Scan rate shift done: 180 -> 180Hz", 2, 1},
       };
   uint16_t index = 1;
   for (const auto &[req_f, req_r, freq, rate_code, shift, log, cur_f, cur_r] : steps) {
@@ -282,64 +511,48 @@ TEST_F(FrameParseTest, ShiftsAreTrackedPerAxisOrForBothRequestedAxes) {
     ASSERT_TRUE(parse(frame(index++, freq, rate_code)));
     EXPECT_EQ((record_.status & kShift) != 0, shift);
     EXPECT_EQ(messages_with("hift"), log.empty() ? strings{} : strings{log});
+    EXPECT_TRUE(log.empty() || logged_error("vendor_parse_ioctrl_frame", log));
     EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), cur_f);
     EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), cur_r);
     EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), req_f);
     EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), req_r);
   }
-
-  // Without capability lists every frame is a shift to index 0.
-  publish_hw_cap(kvr_hw_cap{});
-  ASSERT_TRUE(parse(frame(index)));
-  EXPECT_NE(record_.status & kShift, 0u);
-  EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
 }
 
-TEST_F(SimTest, NeedSosReportsTheSosEvenWhenTheResetFails) {
-  ASSERT_EQ(kvr_afe_open(), 0u);
-  set_sos_flag(1);
-  sim::fail_spi_transfer(1, 5);
+TEST_F(FrameParseTest, WithoutAFrequencyListEveryFrameIsAShiftToTheFirstPoint) {
+  sim::fail_spi_transfer(3, EIO); // the T cycle: the list cannot be read
+  ASSERT_NE(vendor_update_hw_cap(), nullptr);
+  ASSERT_EQ(hw_cap.freq_list, nullptr);
+  for (uint16_t index : {1, 2}) {
+    clear_log();
+    ASSERT_TRUE(parse(frame(index)));
+    EXPECT_NE(record_.status & kShift, 0u);
+    EXPECT_EQ(count_logged_starting(1, "Frequency shift done: "), 1);
+    EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);
+  }
+}
+
+TEST_F(FrameParseTest, NeedSosResetsTheChipAndWaitsForItWhenTheFlagIsUp) {
+  EXPECT_FALSE(vendor_need_sos());
+  EXPECT_TRUE(sim::spi_transfers().empty());
+
+  // Two unanswered attempts of a command raise the flag.
+  sim::drop_echoes(2);
+  ASSERT_NE(zeno_sense_on(), 0u);
+  ASSERT_EQ(sos_flag.load(), 1);
+  const int resets = sim::ic().resets;
+  clear_log();
+  const int64_t start = sim::now_us();
   EXPECT_TRUE(vendor_need_sos());
-  EXPECT_TRUE(logged("vendor_need_sos", "System rest in SOS failed"));
-}
+  EXPECT_EQ(sim::ic().resets, resets + 1);
+  // The reset waits for the chip's ready event (10 ms) instead of sleeping
+  // a fixed 100 ms.
+  EXPECT_EQ(count_logged_starting(3, "Controller ready event found"), 1);
+  EXPECT_LT(sim::now_us() - start, 50000);
 
-TEST_F(SimTest, FrameProcessAddsTheOffsetAfterTruncationWithTheChosenTable) {
-  bytes src(2 * kF * kS, 0);
-  std::vector<uint16_t> dest(kF * kS, 0xAAAA);
-  src[0] = 0xF6; // raw 0: -10
-  src[1] = 0xFF;
-  src[2 * 33] = 0xE8; // raw 33: 1000
-  src[2 * 33 + 1] = 0x03;
-  frame_process(src.data(), dest.data(), kF, kS, 5, GAIN_MS);
-  EXPECT_EQ(dest[kF * kS - 1], 0xFFFB); // node (0, 0), gain 1.0: -10 + 5, not XORed
-  EXPECT_EQ(std::count(dest.begin(), dest.end(), 5), static_cast<long>(kF * kS - 2));
-  frame_process(src.data(), dest.data(), 1, kS, 0, GAIN_SS_SENSE); // one row: sense gains
-  EXPECT_EQ(dest[0], 990);                                         // sense 33, gain 0.990
-
-  // Unknown gain indices and tables too small for the request are refused.
-  const std::vector<uint16_t> untouched = dest;
-  for (int32_t index : {0, 4, -1}) {
-    frame_process(src.data(), dest.data(), kF, kS, 0, index);
-    EXPECT_TRUE(logged("frame_process", "Cannot find gain index " + std::to_string(index)));
-  }
-  frame_process(src.data(), dest.data(), kF, 2, 0, GAIN_SS_FORCE); // 32 values, 16 force gains
-  frame_process(src.data(), dest.data(), kF + 1, kS, 0, GAIN_MS);  // 17 force rows
-  EXPECT_EQ(android_errors().size(), 5u);
-  EXPECT_EQ(dest, untouched);
-}
-
-TEST(GainTables, MutualTableHasTheFixedEntries) {
-  EXPECT_EQ(std::count(std::begin(gain_ms), std::end(gain_ms), 1.0f), 6);
-  for (size_t i : {0, 33, 271, 305, 510, 543}) {
-    EXPECT_EQ(gain_ms[i], 1.0f) << i;
-  }
-  const auto slice = [](uint32_t f, uint32_t from, uint32_t to) {
-    return std::vector<float>(gain_ms + f * kS + from, gain_ms + f * kS + to);
-  };
-  EXPECT_EQ(slice(0, 0, 6),
-            (std::vector<float>{1.0f, 2.3095f, 2.3328f, 2.3456f, 2.4058f, 2.3544f}));
-  EXPECT_EQ(slice(0, 31, 34), (std::vector<float>{2.6636f, 2.7958f, 1.0f}));
-  EXPECT_EQ(slice(1, 31, 34), (std::vector<float>{2.2802f, 2.2660f, 2.7538f}));
+  sim::fail_spi_transfer(1, EIO);
+  EXPECT_TRUE(vendor_need_sos());
+  EXPECT_TRUE(logged_error("vendor_need_sos", "System rest in SOS failed"));
 }
 
 } // namespace
