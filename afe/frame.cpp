@@ -20,8 +20,13 @@ namespace {
 constexpr int32_t kFullPass = -1;
 constexpr int32_t kClearStatusOnly = 0;
 
-// Empties the SOS record except for its status word and clears the request.
-kvr_frame_data *deliver_sos_frame(const char *tag) {
+// When the chip side has just reset the IC: empties the SOS record except
+// for its status word, clears the request and hands the record out.
+// Otherwise NULL.
+kvr_frame_data *sos_frame_if_needed(const char *tag) {
+  if (!vendor_need_sos()) {
+    return nullptr;
+  }
   memset(&sos_frame_data, 0, sizeof sos_frame_data);
   sos_frame_data.status = KVR_AFE_STATUS_SOS;
   log_error(tag, "OUT. due to SOS.");
@@ -68,10 +73,7 @@ kvr_frame_data *parse_ioctrl_frame(ioctrl_framedata *req) {
 }
 
 kvr_frame_data *get_sos_frame() {
-  if (!vendor_need_sos()) {
-    return nullptr;
-  }
-  return deliver_sos_frame(__func__);
+  return sos_frame_if_needed(__func__);
 }
 
 kvr_frame_data *kvr_afe_get_frame() {
@@ -82,8 +84,8 @@ kvr_frame_data *kvr_afe_get_frame() {
 
   // The chip side has just reset the IC: hand out the SOS record and
   // nothing else in this call.
-  if (vendor_need_sos()) {
-    return deliver_sos_frame(__func__);
+  if (kvr_frame_data *sos = sos_frame_if_needed(__func__)) {
+    return sos;
   }
 
   // While frames wait in the driver only the cheap status clear runs, so

@@ -35,9 +35,11 @@ protected:
   }
 
   // A frame-thread call with the driver's queue empty runs every pending
-  // command. Returns the firmware commands the IC received.
+  // command. Returns the firmware commands the IC received; the log holds
+  // what the pass said.
   commands full_pass() {
     ioctrl_clear_frame_buffer();
+    clear_log();
     sim::clear_recording();
     kvr_afe_get_frame();
     return sim::fw_commands();
@@ -120,6 +122,31 @@ TEST_F(CommandQueueTest, BaselineIntervalReachesTheChipInFramesOnlyWhenItChanges
   EXPECT_EQ(sim::cfg_read(kCfgIdleInterval, 1), bytes{4});
 }
 
+// Start and screen-on drop every pending request and forget the stored
+// parameters: nothing asked before a restart reaches the restarted IC.
+TEST_F(CommandQueueTest, RestartDropsRequestsAndForgetsTheirParameters) {
+  for (auto restart : {kvr_afe_start, kvr_afe_screen_on}) {
+    ASSERT_EQ(kvr_afe_set_idle_touch_threshold(30), 0u);
+    ASSERT_EQ(kvr_afe_set_baseline_update_interval(50), 0u);
+    ASSERT_EQ(kvr_afe_force_to_scan_rate(1), 0u);
+    ASSERT_EQ(kvr_afe_start_autotune(), 0u);
+    ASSERT_EQ(kvr_afe_clear_status(4), 0u);
+    ASSERT_EQ(restart(), 0u);
+    EXPECT_TRUE(full_pass().empty());
+    EXPECT_EQ(count_logged_starting(3, "Clear status "), 0);
+
+    ASSERT_EQ(kvr_afe_set_idle_touch_threshold(30), 0u);
+    EXPECT_TRUE(logged_at(3, "expec: 30 existing: 0"));
+    ASSERT_EQ(kvr_afe_set_baseline_update_interval(50), 0u);
+    EXPECT_TRUE(logged_at(3, "expec: 50 existing: 0"));
+    ASSERT_EQ(kvr_afe_start_autotune(), 0u);
+    EXPECT_TRUE(logged_at(3, "Add autotune to command"));
+    ASSERT_EQ(kvr_afe_clear_status(8), 0u);
+    EXPECT_TRUE(full_pass().empty());
+    EXPECT_TRUE(logged_at(3, "vendor_clear_status", "Clear status 00000008"));
+  }
+}
+
 TEST_F(CommandQueueTest, UnsupportedCommandsAreSkippedAndNotHeld) {
   // This chip supports neither: both are skipped, and autotune is released.
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
@@ -131,8 +158,8 @@ TEST_F(CommandQueueTest, UnsupportedCommandsAreSkippedAndNotHeld) {
   EXPECT_TRUE(logged_at(3, "callback_autotune", "skip autotune"));
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
   ASSERT_EQ(kvr_afe_start_autotune(), 0u);
-  EXPECT_EQ(count_logged(3, "Add calibration to command"), 2);
-  EXPECT_EQ(count_logged(3, "Add autotune to command"), 2);
+  EXPECT_TRUE(logged_at(3, "cmd_add_calibration", "Add calibration to command"));
+  EXPECT_TRUE(logged_at(3, "cmd_add_autotune", "Add autotune to command"));
 }
 
 TEST_F(CommandQueueTest, CalibrationCancelsThePassForgetsParametersAndIsHeld) {
@@ -170,12 +197,17 @@ TEST_F(CommandQueueTest, CalibrationCancelsThePassForgetsParametersAndIsHeld) {
   ASSERT_EQ(kvr_afe_clear_status(4), 0u);
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
   EXPECT_TRUE(full_pass().empty());
-  full_pass();
-  EXPECT_EQ(count_logged(3, "Clear status 0000010C"), 1);
+  EXPECT_TRUE(logged_at(3, "vendor_clear_status", "Clear status 0000010C"));
+  EXPECT_TRUE(full_pass().empty());
+  EXPECT_EQ(count_logged_starting(3, "Clear status "), 0);
   ASSERT_EQ(kvr_afe_clear_status(8), 0u);
   EXPECT_TRUE(logged_at(3, "cmd_add_clear_status", "KVR_AFE_STATUS_CALIBRATION_DONE"));
   ASSERT_EQ(kvr_afe_start_calibration(), 0u);
   EXPECT_EQ(full_pass(), commands{kCalibration});
+  // A restart releases it as well.
+  ASSERT_EQ(kvr_afe_start(), 0u);
+  ASSERT_EQ(kvr_afe_start_calibration(), 0u);
+  EXPECT_TRUE(logged_at(3, "cmd_add_calibration", "Add calibration to command"));
 }
 
 } // namespace
