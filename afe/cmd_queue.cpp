@@ -83,11 +83,9 @@ constexpr std::array<cmd_callback, CMD_MAX> kCallbacks = {
 
 } // namespace
 
-// The table is also filled at load, so that a pass can never meet an empty
-// slot even before the first cmd_init.
-std::atomic<cmd_callback> m_cmds[CMD_MAX] = {
-    kCallbacks[0], kCallbacks[1], kCallbacks[2], kCallbacks[3], kCallbacks[4],  kCallbacks[5],
-    kCallbacks[6], kCallbacks[7], kCallbacks[8], kCallbacks[9], kCallbacks[10], kCallbacks[11]};
+// Empty until the first cmd_init (start or screen-on); a pass skips an
+// empty slot.
+std::atomic<cmd_callback> m_cmds[CMD_MAX];
 std::atomic<uint8_t> m_cmd_flag[CMD_MAX];
 std::atomic<uint8_t> m_need_redo;
 cmd_parm m_parm;

@@ -47,6 +47,11 @@ protected:
 };
 
 TEST_F(CommandQueueTest, FullPassRunsPendingCommandsInTableOrderOnce) {
+  // Automatic shift comes back only with a sense-on: neither request is sent.
+  ASSERT_EQ(kvr_afe_enable_freq_shift(), 0u);
+  ASSERT_EQ(kvr_afe_disable_freq_shift(), 0u);
+  EXPECT_TRUE(full_pass().empty());
+
   // Queued against the table order; the exit cancels the first idle entry.
   ASSERT_EQ(kvr_afe_enter_idle(), 0u);
   ASSERT_EQ(kvr_afe_force_exit_idle(), 0u);
