@@ -33,10 +33,17 @@ wire operator+(wire a, const wire &b) {
 wire times(size_t n, const bytes &b) {
   return wire(n, b);
 }
-// One attempt of a command whose echo never comes: the dummy HW command,
-// the command, then a FIFO read every 2 ms until the deadline.
-wire silent_attempt(const bytes &cmd, size_t reads) {
-  return wire{kDummy, cmd} + times(reads, kFifoRead);
+// A command whose echo never comes, tried twice: each time the dummy HW
+// command, the command, then a FIFO read every 2 ms until the deadline.
+wire two_silent_attempts(const bytes &cmd, size_t reads) {
+  const wire once = wire{kDummy, cmd} + times(reads, kFifoRead);
+  return once + once;
+}
+void silent() {
+  sim::drop_echoes(-1);
+}
+uint32_t read_chip_info_into_info() {
+  return read_chip_info(&info);
 }
 
 const auto sense_off = [] { return fw_write(kSenseOff.data(), 3, 50); };
@@ -51,76 +58,33 @@ TEST_F(FwCmd, WhatGoesOutAndHowLongTheLibraryWaitsBeforeGivingUp) {
     int64_t waited_us;
     std::vector<std::string> errors;
   } cases[] = {
-      {"sense on",
-       [] { sim::drop_echoes(-1); },
-       zeno_sense_on,
-       5,
-       silent_attempt({0xA0, 0x03, 0x00}, 50) + silent_attempt({0xA0, 0x03, 0x00}, 50),
-       200'000,
+      // clang-format off
+      {"sense on", silent, zeno_sense_on, 5, two_silent_attempts({0xA0, 0x03, 0x00}, 50), 200'000,
        {"Write FW command: A0 03 00", "triggering SOS.."}},
-      {"sense off",
-       [] { sim::drop_echoes(-1); },
-       zeno_sense_off,
-       5,
-       silent_attempt(kSenseOff, 25) + silent_attempt(kSenseOff, 25),
-       100'000,
+      {"sense off", silent, zeno_sense_off, 5, two_silent_attempts(kSenseOff, 25), 100'000,
        {"Write FW command: A0 00 00", "Polling for the event echo A0 00 00 ",
         "no echo from the FW...", "fw write try attempt(1) failed",
         "fw write try attempt(2) failed", "triggering SOS..", "Event not found timeout"}},
-      {"flush",
-       [] { sim::drop_echoes(-1); },
-       clear_fifo,
-       3,
-       silent_attempt({0xA4, 0x00, 0x01}, 25) + silent_attempt({0xA4, 0x00, 0x01}, 25),
-       100'000,
+      {"flush", silent, clear_fifo, 3, two_silent_attempts({0xA4, 0x00, 0x01}, 25), 100'000,
        {"Error clearing the fifo"}},
-      {"liveness",
-       [] { sim::drop_echoes(-1); },
-       is_fw_alive,
-       0,
-       silent_attempt({0xA2, 0x00, 0x00}, 25) + silent_attempt({0xA2, 0x00, 0x00}, 25),
-       100'000,
+      {"liveness", silent, is_fw_alive, 0, two_silent_attempts({0xA2, 0x00, 0x00}, 25), 100'000,
        {"FW is dead - get echo event timeout"}},
-      {"zero time-out",
-       [] {},
-       [] { return fifo_event_poll(nullptr, 0, POLL_ECHO, 0); },
-       5,
-       {},
-       0,
+      {"zero time-out", [] {}, [] { return fifo_event_poll(nullptr, 0, POLL_ECHO, 0); }, 5, {}, 0,
        {"Event not found timeout"}},
-      {"host data never loads",
-       [] { sim::host_data_never_loads(true); },
-       [] {
-         static chip_info r;
-         return read_chip_info(&r);
-       },
-       5,
-       wire{kHeaderRead, {0xA4, 0x06, 0x01}} + times(20, kHeaderRead),
-       100'000,
+      {"chip info never loads", [] { sim::host_data_never_loads(true); }, read_chip_info_into_info,
+       5, wire{kHeaderRead, {0xA4, 0x06, 0x01}} + times(20, kHeaderRead), 100'000,
        {"Timeout after requesting host data type 01", "Error requesting chip info"}},
       // The request is written blind: a lost one is only seen as a time-out.
-      {"host data request lost",
-       [] { sim::fail_spi_transfer(2, EIO); },
-       [] { return request_host_data(0x30, 100); },
-       5,
-       wire{kHeaderRead} + times(20, kHeaderRead),
-       100'000,
-       {"Timeout after requesting host data type 30"}},
-      {"host data zero time-out",
-       [] {},
-       [] { return request_host_data(0x30, 0); },
-       5,
-       {kHeaderRead, {0xA4, 0x06, 0x30}},
-       0,
-       {"Timeout after requesting host data type 30"}},
+      {"host data request lost", [] { sim::fail_spi_transfer(2, EIO); },
+       [] { return request_host_data(0x30, 100); }, 5, wire{kHeaderRead} + times(20, kHeaderRead),
+       100'000, {"Timeout after requesting host data type 30"}},
+      {"host data zero time-out", [] {}, [] { return request_host_data(0x30, 0); }, 5,
+       {kHeaderRead, {0xA4, 0x06, 0x30}}, 0, {"Timeout after requesting host data type 30"}},
       {"reset", [] {}, [] { return system_reset(0); }, 0, {kReset}, 100'000, {"System reset.."}},
-      {"controller never ready",
-       [] { sim::set_ready_delay_ms(5000); },
-       [] { return system_reset(RESET_WAIT_READY); },
-       5,
-       wire{kReset} + times(500, kFifoRead),
-       1'000'000,
-       {"Event not found timeout", "Unable to poll controller ready event.."}},
+      {"controller never ready", [] { sim::set_ready_delay_ms(5000); },
+       [] { return system_reset(RESET_WAIT_READY); }, 5, wire{kReset} + times(500, kFifoRead),
+       1'000'000, {"Event not found timeout", "Unable to poll controller ready event.."}},
+      // clang-format on
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
@@ -142,7 +106,7 @@ TEST_F(FwCmd, RetryEchoWithErrorsLivenessAndTransferFailures) {
   // One silent attempt is retried without SOS.
   sim::drop_echoes(1);
   EXPECT_EQ(sense_off(), 0u);
-  EXPECT_EQ(spi_sent(0x87), (wire{kDummy, kSenseOff, kDummy, kSenseOff}));
+  EXPECT_EQ(spi_sent(0x87), (two_silent_attempts(kSenseOff, 0)));
   EXPECT_TRUE(logged_error("fw write try attempt(1) failed"));
   EXPECT_FALSE(mentioned("fw write try attempt(2) failed"));
   EXPECT_TRUE(logged_at(3, "Echo event found"));

@@ -146,13 +146,15 @@ TEST_F(SimSelfTest, MemoryAndConfigurationFraming) {
   // Exactly what crossed the wire: the dummy byte sits between address and data.
   const bytes tx = {0xFB, 0x00, 0x10, 0x0F, 0xFD, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   const bytes rx = xfer(tx);
-  EXPECT_EQ(at(rx, 6, 7), (bytes{0, 1, 2, 3, 4, 5, 0}));
+  // Only the data phase is driven: opcode, address and dummy keep the host's 0xEE.
+  EXPECT_EQ(rx, (bytes{0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0, 1, 2, 3, 4, 5, 0}));
   EXPECT_EQ(std::tie(sim::spi_transfers().back().tx, sim::spi_transfers().back().rx),
-            std::tie(tx, rx)); // as recorded
+            std::tie(tx, rx));                                       // as recorded
+  EXPECT_EQ(xfer(addressed(0xFA, 0x00100000, {9})), bytes(6, 0xEE)); // a write drives nothing
   EXPECT_TRUE(sim::fw_commands().empty());
   mem_write(0x20000000, {0, 0}); // the chip id registers ignore the dummy write
   EXPECT_EQ(mem_read(0x20000000, 2), (bytes{0x36, 0x48}));
-  EXPECT_EQ(read({0xA9, 0x00, 0x30}, 4, 2), (bytes{34, 16}));
+  EXPECT_EQ(xfer({0xA9, 0x00, 0x30, 0xFF, 0xFF, 0xFF}), (bytes{0xEE, 0xEE, 0xEE, 0xEE, 34, 16}));
   xfer({0xA8, 0x00, 0x42, 0x19});
   EXPECT_EQ(sim::cfg_read(0x0042, 1), bytes{0x19});
   EXPECT_EQ(read({0xA9, 0x00, 0x42}, 4, 1), bytes{0x19});
@@ -185,6 +187,16 @@ TEST_F(SimSelfTest, CommandsAreAnsweredByTheirEventsOrTheirFaults) {
   sim::host_data_never_loads(true);
   command({0xA4, 0x06, 0x01});
   EXPECT_EQ(mem_read(0x20010000, 4), loaded);
+
+  // An event leaves the FIFO only once all 8 bytes are out: 7 show it and
+  // leave it; 16 take two.
+  for (uint8_t id : {0x51, 0x52, 0x53}) {
+    sim::push_event({id, 1, 2, 3, 4, 5, 6, id});
+  }
+  EXPECT_EQ(read({0x87}, 2, 7), (bytes{0x51, 1, 2, 3, 4, 5, 6}));
+  const bytes two = read({0x87}, 2, 16);
+  EXPECT_EQ(std::tuple(two[7], two[8], two[15]), std::tuple(0x51, 0x52, 0x52));
+  EXPECT_EQ(pop_event()[0], 0x53);
 
   const bytes nop = {0xA2, 0x00, 0x00}, echo = {0x43, 0x01, 0xA2, 0x00, 0x00, 0, 0, 0};
   sim::error_before_echo(1);
