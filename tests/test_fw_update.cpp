@@ -253,6 +253,8 @@ TEST_F(FwUpdateTest, FullUpdateOnTheWireInFlashAndInTheLog) {
   EXPECT_EQ(count_logged(3, "Flash erase done in 50.00 ms"), 31);
   EXPECT_EQ(count_logged(3, "Flash dma done in 25.00 ms"), 6);
   EXPECT_FALSE(mentioned("Panel Init..")); // the panel configuration is current
+  // Only the last reset waits for the controller to come up.
+  EXPECT_EQ(count_logged_starting(3, "Controller ready event found in "), 1);
 }
 
 TEST_F(FwUpdateTest, DecisionIsPerSectionAndByInequality) {
@@ -325,7 +327,9 @@ TEST_F(FwUpdateTest, PollsEvery25msForAtMost3s) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     fresh_chip({});
+    const int64_t before = sim::slept_us();
     ASSERT_EQ(flash_pre_setup(), 0u);
+    EXPECT_EQ(sim::slept_us() - before, 101000); // plain reset settles 100 ms, 1 ms pause
     c.set_up();
     sim::clear_recording();
     clear_log();
