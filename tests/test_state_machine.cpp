@@ -289,6 +289,9 @@ TEST_F(StateMachine, ChipSideFailuresArePassedThroughWithoutRollingBack) {
     sim::clear_faults();
     if (c.state == KVR_STATE_WORKING) {
       EXPECT_EQ(kvr_afe_get_frame(), &frame_data) << "the SOS of the failed command stayed";
+    } else { // still raised; the exported getter hands it out once
+      EXPECT_EQ(get_sos_frame(), &sos_frame_data);
+      EXPECT_EQ(get_sos_frame(), nullptr);
     }
   }
 }
