@@ -84,6 +84,9 @@ int spi_sync(unsigned long arg) {
     const auto *tx = reinterpret_cast<const uint8_t *>(r.first);
     auto *rx = reinterpret_cast<uint8_t *>(r.second);
     t.tx.assign(tx, tx + r.length);
+    if (const int err = diag_transfer_error(t.tx); err != 0) {
+      return err;
+    }
     // Bytes the chip does not drive keep what the host left there.
     t.rx.assign(rx, rx + r.length);
     ic_transfer(t.tx, t.rx);

@@ -52,7 +52,7 @@ void write_plain_header(uint8_t type, uint16_t counter) {
 } // namespace
 
 void host_data_request(uint8_t type) {
-  if (g_ic.host_data_never_loads) {
+  if (g_ic.host_data_never_loads || !diag_block_loads(type)) {
     return;
   }
   g_ic.load_pending = true;
@@ -68,7 +68,7 @@ void host_data_catch_up(int64_t now) {
   const uint16_t counter = ++g_ic.load_counter;
   if (g_ic.load_type == wire::kChipInfoType) {
     write_chip_info(counter);
-  } else {
+  } else if (!diag_write_block(g_ic.load_type, counter)) {
     write_plain_header(g_ic.load_type, counter);
   }
 }

@@ -59,6 +59,7 @@ void set_scan(bool sensing, bool idle) {
 // status bits laid over it.
 void bus_read(uint32_t address, uint8_t *out, size_t count) {
   mem_load(address, out, count);
+  diag_read_overlay(address, out, count);
   for (size_t i = 0; i < count; ++i) {
     const uint32_t a = address + static_cast<uint32_t>(i);
     if (!in_range(a, wire::kRegPage, wire::kRegPageSize)) {
@@ -127,6 +128,9 @@ bool execute(const std::vector<uint8_t> &cmd) {
   const uint8_t b0 = cmd[0];
   const uint8_t b1 = cmd.size() > 1 ? cmd[1] : 0;
   const uint8_t b2 = cmd.size() > 2 ? cmd[2] : 0;
+  if (diag_command(cmd)) {
+    return true;
+  }
   if (b0 == 0xA0 && b1 == 0x03) {
     if (b2 == 0x00) { // sense on: active scanning, automatic frequency choice
       g_ic.forced_freq = -1;
@@ -167,6 +171,9 @@ bool execute(const std::vector<uint8_t> &cmd) {
 void fw_command(const std::vector<uint8_t> &cmd) {
   if (!g_ic.running) {
     return; // the core is held: nobody reads the command
+  }
+  if (!diag_firmware_answers()) {
+    return; // the firmware has stopped: the command is lost
   }
   g_rec.fw.push_back(cmd);
   const int64_t due = clock_now() + g_ic.echo_delay_us;
@@ -251,6 +258,7 @@ bool frames_flowing() {
 void system_reset() {
   ++g_ic.resets;
   flash_on_system_reset();
+  diag_on_system_reset();
   g_ic.running = true;
   g_ic.forced_freq = -1;
   g_ic.forced_rate = -1;
@@ -297,6 +305,7 @@ void ic_transfer(const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx) {
   case wire::kHostDataRead:
     if (n > 4) {
       mem_load(wire::kHostDataArea + be16(&tx[1]), &rx[4], n - 4);
+      diag_read_overlay(wire::kHostDataArea + be16(&tx[1]), &rx[4], n - 4);
     }
     break;
   case wire::kEventRead:
@@ -363,7 +372,9 @@ std::vector<uint8_t> cfg_read(uint16_t address, size_t count) {
 ic_state ic() {
   std::lock_guard<std::mutex> lock(g_mutex);
   catch_up();
-  return {g_ic.sensing, g_ic.idle, !g_ic.running, g_ic.forced_freq, g_ic.forced_rate, g_ic.resets};
+  return {g_ic.sensing,        g_ic.idle,          !g_ic.running,
+          g_ic.forced_freq,    g_ic.forced_rate,   g_ic.resets,
+          g_diag.factory_mode, g_diag.scan_locked, diag_auto_release_off()};
 }
 
 void host_data_never_loads(bool on) {

@@ -45,6 +45,7 @@ void reset_all(bool keep_open) {
   ic_reset_state();
   panel_reset_state();
   flash_reset_state();
+  diag_reset_state();
   g_rec = recording_data{};
   g_clock.slept_us = 0;
   {
@@ -236,6 +237,14 @@ void clear_faults() {
     g_panel.bad_counts = 0;
     g_panel.stopped = false;
     g_flash.erase_stuck = g_flash.dma_stuck = g_flash.versions_stick = false;
+    g_diag.ito.clear();
+    g_diag.noisy = false;
+    g_diag.drift_pending.clear();
+    g_diag.drift_applied.clear();
+    g_diag.silent_blocks.clear();
+    g_diag.answers_left = -1;
+    g_diag.transfer_faults.clear();
+    g_diag.stuck.clear();
     const int64_t now = clock_now();
     g_flash.erase_busy_until = std::min(g_flash.erase_busy_until, now);
     g_flash.dma_busy_until = std::min(g_flash.dma_busy_until, now);

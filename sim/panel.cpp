@@ -75,6 +75,41 @@ int64_t period_us() {
   return 1'000'000 / hz;
 }
 
+} // namespace
+
+void panel_scan(uint8_t force, uint8_t sense, std::vector<int16_t> &mutual,
+                std::vector<int16_t> &self_force, std::vector<int16_t> &self_sense) {
+  mutual.assign(size_t{force} * sense, 0);
+  self_force.assign(force, 0);
+  self_sense.assign(sense, 0);
+  for (size_t f = 0; f < force; ++f) {
+    for (size_t s = 0; s < sense; ++s) {
+      float v = noise();
+      for (const auto &t : g_panel.touches) {
+        v += t.strength * bump(static_cast<float>(s) - t.x) * bump(static_cast<float>(f) - t.y);
+      }
+      mutual[f * sense + s] = clamp16(v);
+    }
+  }
+  for (size_t f = 0; f < force; ++f) {
+    float v = noise();
+    for (const auto &t : g_panel.touches) {
+      v += kSelfShare * t.strength * bump(static_cast<float>(f) - t.y);
+    }
+    self_force[f] = clamp16(v);
+  }
+  for (size_t s = 0; s < sense; ++s) {
+    float v = noise();
+    for (const auto &t : g_panel.touches) {
+      v += kSelfShare * t.strength * bump(static_cast<float>(s) - t.x);
+    }
+    self_sense[s] = clamp16(v);
+  }
+  diag_swing_noisy_node(force, sense, mutual);
+}
+
+namespace {
+
 void produce_frame(int64_t stamp_us) {
   const uint8_t sense = g_ic.cfg[wire::kCfgChannels];
   const uint8_t force = g_ic.cfg[wire::kCfgChannels + 1];
@@ -100,32 +135,7 @@ void produce_frame(int64_t stamp_us) {
   const auto sd = static_cast<uint16_t>(std::lround(g_panel.noise / std::sqrt(3.0f)));
   std::fill(std::begin(fields.stddev), std::end(fields.stddev), sd);
 
-  fields.mutual.resize(size_t{force} * sense);
-  fields.self_force.resize(force);
-  fields.self_sense.resize(sense);
-  for (size_t f = 0; f < force; ++f) {
-    for (size_t s = 0; s < sense; ++s) {
-      float v = noise();
-      for (const auto &t : g_panel.touches) {
-        v += t.strength * bump(static_cast<float>(s) - t.x) * bump(static_cast<float>(f) - t.y);
-      }
-      fields.mutual[f * sense + s] = clamp16(v);
-    }
-  }
-  for (size_t f = 0; f < force; ++f) {
-    float v = noise();
-    for (const auto &t : g_panel.touches) {
-      v += kSelfShare * t.strength * bump(static_cast<float>(f) - t.y);
-    }
-    fields.self_force[f] = clamp16(v);
-  }
-  for (size_t s = 0; s < sense; ++s) {
-    float v = noise();
-    for (const auto &t : g_panel.touches) {
-      v += kSelfShare * t.strength * bump(static_cast<float>(s) - t.x);
-    }
-    fields.self_sense[s] = clamp16(v);
-  }
+  panel_scan(force, sense, fields.mutual, fields.self_force, fields.self_sense);
   if (take(g_panel.bad_counts)) {
     fields.force = g_panel.bad_force;
     fields.sense = g_panel.bad_sense;

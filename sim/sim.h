@@ -28,8 +28,8 @@
 //   the event FIFO and the control registers, and raises controller-ready
 //   10 ms later. The 8 bytes at 0x20000000 read as the chip id. A7 hi lo
 //   reads the host-data area from that offset. Host data loads 3 ms after
-//   its request; types other than chip info (01) load a 16-byte header
-//   only.
+//   its request; chip info (01) and the diagnostic blocks (see
+//   Diagnostics) carry data, other types load a 16-byte header only.
 // - Panel: 16 force x 34 sense channels from configuration 0x0030;
 //   120 Hz (rate code 0x40) until C0 00 01 selects 180 Hz (code 0x00);
 //   idle scans at 20 Hz; frequency points of 160, 145, 133, 123 kHz.
@@ -183,6 +183,9 @@ struct ic_state {
   int forced_freq_index; // -1 none
   int forced_rate_index; // -1 none
   int resets;            // system resets seen
+  bool factory_mode;     // C0 01 02 since the last reset
+  bool scan_locked;      // A0 03 00 in factory mode
+  bool auto_release_off; // 01 at 0x20000126
 };
 ic_state ic();
 
@@ -198,6 +201,72 @@ void error_before_echo(int times); // an 0xF3 event before each echo
 void fatal_on_next_command(bool with_dump);
 void host_data_never_loads(bool on);
 void fail_spi_transfer(int nth, int err); // Nth SPI transfer from now fails
+
+// ---- Diagnostics ------------------------------------------------------------
+//
+// Diagnostic host-data blocks. Each has the 16-byte header (A5, type, load
+// counter, then bytes 4..15 below) at 0x20010000 and its data from
+// 0x20010010; values little-endian.
+//   0x30 sync frame: 4 offset of the mutual data (8; the bytes before it
+//        are filler), 5 force, 6 sense, 7 self force count, 8 self sense
+//        count; mutual values force-major, then self force, then self
+//        sense. A fresh scan of the panel: same signal and noise (and
+//        noisy node) as its frames.
+//   0x10/0x11 mutual CX2, one unsigned byte per node (normal/low power);
+//   0x50/0x51 the mutual total CX (16-bit): 4 force, 5 sense, 6 CX1.
+//   0x12/0x13 self IX2 (unsigned bytes) and CX2 (signed bytes) (active/
+//   detect); 0x52/0x53 their totals (16-bit): 4 force, 5 sense, 6 IX1
+//   force, 7 IX1 sense, 8 CX1 force, 9 CX1 sense; data IX force, IX sense,
+//   CX force, CX sense.
+// Totals are CX1 x 8 + CX2 and IX1 x 2 + IX2, the weights of the limits
+// file, and every value of a healthy panel is well inside its limits.
+//
+// Commands (echoed like the others):
+//   C0 01 02     factory mode; A0 03 00 then also locks the scan.
+//   A4 04 FF 01  ITO measurement: force x sense 16-bit values, force-major,
+//                at 0x20010000 | the chip info's MS raw address; healthy
+//                nodes read 2860..2920.
+//   A4 08 01 00  low-power timer calibration (values unchanged).
+//   A4 03 03 00  mutual autotune: every mutual CX total moves by the step.
+//   A4 03 0C 00  self autotune: every self IX total moves by the step.
+// DRAM (0x00100000, 32 KiB) and frame memory (0x20010000, 64 KiB) are plain
+// memory; 01 at 0x20000126 turns the core's auto release off and 01 at
+// 0x20000024 holds the core. A reset leaves factory mode and revives a
+// firmware that stopped answering; compensation values stay as tuned.
+void set_autotune_step(int16_t step); // default 1
+
+enum class electrode { force, sense };
+// Every ITO node of the channel reads 300 (open, below every minimum) or
+// 5000 (shorted, above every maximum).
+void ito_open(electrode side, uint8_t channel);
+void ito_short(electrode side, uint8_t channel);
+
+// Node (force, sense) swings by +-swing on alternate scans, on top of the
+// panel's noise.
+void noisy_node(uint8_t force, uint8_t sense, uint16_t swing);
+
+// A compensation value that the next autotune of its side moves by amount
+// more than the step. index: the node (force-major) or the channel.
+enum class comp_set {
+  ms_lp_total,     // 0x51 (and 0x11), mutual autotune
+  ss_detect_force, // 0x53 / 0x13 IX force, self autotune
+  ss_detect_sense,
+  ss_force, // 0x52 / 0x12 IX force, self autotune
+  ss_sense
+};
+void drift_after_autotune(comp_set set, uint16_t index, int16_t amount);
+
+// Requests of this host-data type are never answered.
+void block_never_loads(uint8_t type);
+// The firmware answers this many more commands (host-data requests
+// included) and then nothing until a system reset.
+void firmware_stops_after(int commands);
+// Reads of address show bits of mask as 1 (high) or 0, whatever was written.
+void stuck_bit(uint32_t address, uint8_t mask, bool high);
+// The next memory write (FA) or read (FB) whose data covers address fails
+// with errno err and does not reach the chip.
+enum class transfer_dir { write, read };
+void transfer_error_at(uint32_t address, transfer_dir dir, int err);
 
 // ---- Panel ----------------------------------------------------------------
 

@@ -111,6 +111,53 @@ struct panel_data {
   bool stopped = false;
 };
 
+// The chip's diagnostic side: factory mode, the compensation values and
+// what the autotunes did to them, and the diagnostic faults.
+struct ito_defect {
+  electrode side;
+  uint8_t channel;
+  bool shorted; // else open
+};
+
+struct cx_drift {
+  comp_set set;
+  uint16_t index;
+  int16_t amount;
+};
+
+struct transfer_fault {
+  uint32_t address;
+  transfer_dir dir;
+  int err;
+};
+
+struct stuck_cell {
+  uint32_t address;
+  uint8_t mask;
+  bool high;
+};
+
+struct diag_data {
+  bool factory_mode = false;
+  bool scan_locked = false;
+  bool lp_timer_calibrated = false;
+  int autotune_step = 1;
+  int mutual_tune = 0; // sum of the steps of the mutual autotunes so far
+  int self_tune = 0;
+  std::vector<cx_drift> drift_pending; // applied by the next autotune of their side
+  std::vector<cx_drift> drift_applied;
+  std::vector<ito_defect> ito;
+  bool noisy = false;
+  uint8_t noisy_force = 0;
+  uint8_t noisy_sense = 0;
+  int noisy_swing = 0;
+  bool noisy_up = false; // the direction of the next swing
+  std::set<uint8_t> silent_blocks;
+  int answers_left = -1; // commands the firmware still answers; -1 no limit
+  std::vector<transfer_fault> transfer_faults;
+  std::vector<stuck_cell> stuck;
+};
+
 struct flash_data {
   std::vector<uint8_t> contents = std::vector<uint8_t>(kFlashSize, 0xFF);
   std::vector<int> erased;
@@ -141,6 +188,7 @@ extern driver_data g_driver;
 extern ic_data g_ic;
 extern panel_data g_panel;
 extern flash_data g_flash;
+extern diag_data g_diag;
 extern recording_data g_rec;
 
 // clock.cpp
@@ -190,6 +238,28 @@ void panel_stop();
 void panel_catch_up(int64_t now);
 // Time of the next frame the panel will scan, or -1 when none is due.
 int64_t panel_next_frame_us();
+
+// panel.cpp, for the diagnostic side: one scan of the panel (the same
+// signal and noise as its frames) without delivering a frame.
+void panel_scan(uint8_t force, uint8_t sense, std::vector<int16_t> &mutual,
+                std::vector<int16_t> &self_force, std::vector<int16_t> &self_sense);
+
+// diag.cpp
+void diag_reset_state();
+void diag_on_system_reset();
+// Carries out a diagnostic firmware command; false when cmd is not one.
+bool diag_command(const std::vector<uint8_t> &cmd);
+// Whether the firmware is still there to answer a command (counts it).
+bool diag_firmware_answers();
+bool diag_block_loads(uint8_t type);
+// Writes the block of a diagnostic host-data type; false for other types.
+bool diag_write_block(uint8_t type, uint16_t counter);
+void diag_swing_noisy_node(uint8_t force, uint8_t sense, std::vector<int16_t> &mutual);
+// Stuck bits laid over what a read returns.
+void diag_read_overlay(uint32_t address, uint8_t *out, size_t count);
+// The error a memory transfer meets at a faulty address, or 0.
+int diag_transfer_error(const std::vector<uint8_t> &tx);
+bool diag_auto_release_off();
 
 // flash.cpp
 void flash_reset_state();
