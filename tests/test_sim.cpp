@@ -12,6 +12,7 @@
 #include <random>
 #include <tuple>
 
+#include "chip/inspect/test_limits.h"
 #include "platform/os.h"
 #include "sim/sim.h"
 
@@ -334,6 +335,222 @@ TEST_F(SimSelfTest, FlashRulesAndFaults) {
   mem_write(0x20000024, {0x80});
   EXPECT_EQ(std::tuple(sim::identity().fw_ver, sim::ic().core_held), std::tuple(0x0084, false));
   EXPECT_EQ(at(sim::flash(), 0, 4), (bytes{'C', 'O', 'D', 'E'}));
+}
+
+// ---- Diagnostic side ----------------------------------------------------------
+
+class SimDiagTest : public SimSelfTest {
+protected:
+  // Requests a host-data block and returns its header (16 bytes) and n data bytes.
+  bytes block(uint8_t type, size_t n = 0) {
+    command({0xA4, 0x06, type});
+    bytes b = read({0xA7, 0x00, 0x00}, 4, 16);
+    const bytes data = mem_read(0x20010010, n);
+    b.insert(b.end(), data.begin(), data.end());
+    return b;
+  }
+  static int16_t s16(const bytes &b, size_t i) { return static_cast<int16_t>(u16(b, i)); }
+  // The nodes (row-major index) of values outside [min, max] of two limit
+  // tables of the embedded limits file (an empty max label: no maximum).
+  static std::vector<int> out_of_limits(const std::vector<int> &values, const char *min_label,
+                                        const char *max_label) {
+    test_limit_data lo = new_test_limit_data(), hi = new_test_limit_data();
+    EXPECT_EQ(search_test_limit_entry(max_label, limit_file_data, limit_file_size, &hi), 0u);
+    if (min_label != nullptr) {
+      EXPECT_EQ(search_test_limit_entry(min_label, limit_file_data, limit_file_size, &lo), 0u);
+    }
+    EXPECT_EQ(size_t{hi.rows} * hi.cols, values.size());
+    std::vector<int> out;
+    for (size_t i = 0; i < values.size() && i < size_t{hi.rows} * hi.cols; ++i) {
+      if (values[i] > hi.data[i] || (lo.data != nullptr && values[i] < lo.data[i])) {
+        out.push_back(static_cast<int>(i));
+      }
+    }
+    clean_test_limit_data(&lo);
+    clean_test_limit_data(&hi);
+    return out;
+  }
+  std::vector<int> ito_frame() {
+    command({0xA4, 0x04, 0xFF, 0x01});
+    const bytes raw = mem_read(0x20011234, 1088); // the chip info's MS raw address
+    std::vector<int> v;
+    for (size_t i = 0; i < 544; ++i) {
+      v.push_back(s16(raw, 2 * i));
+    }
+    return v;
+  }
+  // Max - min of each mutual node over n sync frames.
+  std::vector<int> noise_deltas(int n) {
+    std::vector<int> lo(544, 32767), hi(544, -32768);
+    for (int k = 0; k < n; ++k) {
+      const bytes b = block(0x30, 8 + 1188);
+      for (size_t i = 0; i < 544; ++i) {
+        lo[i] = std::min<int>(lo[i], s16(b, 24 + 2 * i));
+        hi[i] = std::max<int>(hi[i], s16(b, 24 + 2 * i));
+      }
+    }
+    for (size_t i = 0; i < 544; ++i) {
+      hi[i] -= lo[i];
+    }
+    return hi;
+  }
+};
+
+TEST_F(SimDiagTest, SyncFrameIsAScanOfThePanel) {
+  sim::set_noise(0);
+  sim::set_touches({{10.0f, 5.0f, 0, 0, 900.0f}});
+  command({0xA0, 0x03, 0x00});
+  os().usleep(20'000);
+  ASSERT_EQ(next_frame(), 0);
+  const bytes sync = block(0x30, 8 + 1188);
+  EXPECT_EQ(at(sync, 0, 9), (bytes{0xA5, 0x30, 1, 0, 8, 16, 34, 16, 34}));
+  // Mutual, self force and self sense exactly as the frame has them.
+  EXPECT_EQ(at(sync, 16 + 8, 1188), at(frame_, 64, 1188));
+  EXPECT_EQ(s16(sync, 24 + 2 * (5 * 34 + 10)), 900);
+  // With noise, each node still moves only within the noise.
+  sim::set_noise(6);
+  sim::set_touches({});
+  const auto deltas = noise_deltas(10);
+  EXPECT_EQ(*std::max_element(deltas.begin(), deltas.end()) <= 12, true);
+  EXPECT_GT(*std::max_element(deltas.begin(), deltas.end()), 0);
+}
+
+TEST_F(SimDiagTest, CompensationTotalsAreTheirWeightedParts) {
+  const bytes ms_lp = block(0x11, 544), ms_lp_total = block(0x51, 1088);
+  EXPECT_EQ(at(ms_lp_total, 0, 6), (bytes{0xA5, 0x51, 2, 0, 16, 34}));
+  for (size_t i = 0; i < 544; ++i) {
+    ASSERT_EQ(s16(ms_lp_total, 16 + 2 * i), ms_lp_total[6] * 8 + ms_lp[16 + i]) << i;
+  }
+  for (uint8_t type : {0x12, 0x13}) {
+    SCOPED_TRACE(type);
+    const bytes parts = block(type, 100), totals = block(type + 0x40, 200);
+    EXPECT_EQ(at(parts, 4, 6), at(totals, 4, 6)); // lengths and scalars
+    for (size_t i = 0; i < 100; ++i) {
+      const bool ix = i < 50, force = (i % 50) < 16;
+      const int scalar = parts[ix ? (force ? 6 : 7) : (force ? 8 : 9)] * (ix ? 2 : 8);
+      const int part = ix ? parts[16 + i] : static_cast<int8_t>(parts[16 + i]);
+      ASSERT_EQ(s16(totals, 16 + 2 * i), scalar + part) << i;
+    }
+  }
+}
+
+TEST_F(SimDiagTest, HealthyPanelPassesEveryLimitAndEachFaultFailsOnlyItsNodes) {
+  std::vector<int> raw;
+  const bytes sync = block(0x30, 8 + 1088);
+  for (size_t i = 0; i < 544; ++i) {
+    raw.push_back(s16(sync, 24 + 2 * i));
+  }
+  EXPECT_TRUE(out_of_limits(raw, "MS_RAW_DATA_EACH_MIN", "MS_RAW_DATA_EACH_MAX").empty());
+  EXPECT_TRUE(out_of_limits(ito_frame(), "MS_RAW_ITO_DATA_MIN", "MS_RAW_ITO_DATA_MAX").empty());
+  EXPECT_TRUE(out_of_limits(noise_deltas(30), nullptr, "MS_RAW_NOISE_DATA_DELTA").empty());
+
+  // An open force electrode 3 and a shorted sense electrode 20.
+  sim::ito_open(sim::electrode::force, 3);
+  sim::ito_short(sim::electrode::sense, 20);
+  std::vector<int> expected;
+  for (int f = 0; f < 16; ++f) {
+    for (int s = 0; s < 34; ++s) {
+      if (f == 3 || s == 20) {
+        expected.push_back(f * 34 + s);
+      }
+    }
+  }
+  const auto ito = ito_frame();
+  EXPECT_EQ(out_of_limits(ito, "MS_RAW_ITO_DATA_MIN", "MS_RAW_ITO_DATA_MAX"), expected);
+  EXPECT_EQ(std::tuple(ito[3 * 34], ito[20], ito[3 * 34 + 20]), std::tuple(300, 5000, 300));
+
+  sim::noisy_node(2, 5, 100);
+  EXPECT_EQ(out_of_limits(noise_deltas(30), nullptr, "MS_RAW_NOISE_DATA_DELTA"),
+            std::vector<int>{2 * 34 + 5});
+}
+
+TEST_F(SimDiagTest, AutotunesMoveTheValuesByTheStepAndDriftOnlyTheChosenOnes) {
+  const bytes ms0 = block(0x51, 1088), det0 = block(0x53, 200), act0 = block(0x52, 200);
+  sim::set_autotune_step(3);
+  sim::drift_after_autotune(sim::comp_set::ms_lp_total, 40, 30001);
+  sim::drift_after_autotune(sim::comp_set::ss_detect_sense, 7, 30001);
+  command({0xA4, 0x08, 0x01, 0x00});
+  EXPECT_EQ(at(block(0x51, 1088), 16, 1088), at(ms0, 16, 1088)); // values unchanged
+  command({0xA4, 0x03, 0x03, 0x00});
+  command({0xA4, 0x03, 0x0C, 0x00});
+  const bytes ms1 = block(0x51, 1088), det1 = block(0x53, 200), act1 = block(0x52, 200);
+  auto changes = [&](const bytes &a, const bytes &b, size_t n) {
+    std::vector<int> v;
+    for (size_t i = 0; i < n; ++i) {
+      v.push_back(std::abs(s16(b, 16 + 2 * i) - s16(a, 16 + 2 * i)));
+    }
+    return v;
+  };
+  const auto ms = changes(ms0, ms1, 544);
+  EXPECT_EQ(out_of_limits(ms, "MS_TOUCH_LOWPOWER_TOTAL_CX_MIN", "MS_TOUCH_LOWPOWER_TOTAL_CX_MAX"),
+            std::vector<int>{40});
+  EXPECT_EQ(std::tuple(ms[0], ms[40], ms[543]), std::tuple(3, 30004, 3));
+  const auto det = changes(det0, det1, 100), act = changes(act0, act1, 100);
+  // IX moves by the step (force 0..15, sense 16..49), CX (50..99) stays.
+  for (size_t i = 0; i < 100; ++i) {
+    const int step = i < 50 ? 3 : 0;
+    EXPECT_EQ(act[i], step) << i;
+    EXPECT_EQ(det[i], i == 16 + 7 ? 30004 : step) << i;
+  }
+}
+
+TEST_F(SimDiagTest, ModesCoreBytesAndChipFaults) {
+  // Factory mode, then the scan lock; a reset leaves both.
+  command({0xA0, 0x03, 0x00});
+  EXPECT_FALSE(sim::ic().scan_locked);
+  command({0xC0, 0x01, 0x02});
+  command({0xA0, 0x03, 0x00});
+  mem_write(0x20000126, {0x01});
+  EXPECT_EQ(std::tuple(sim::ic().factory_mode, sim::ic().scan_locked, sim::ic().auto_release_off),
+            std::tuple(true, true, true));
+  mem_write(0x20000024, {0x80});
+  EXPECT_EQ(std::tuple(sim::ic().factory_mode, sim::ic().scan_locked, sim::ic().auto_release_off),
+            std::tuple(false, false, false));
+  os().usleep(20'000);
+  pop_event(); // controller ready
+
+  // The firmware answers one more command, then nothing until a reset.
+  const bytes nop = {0xA2, 0x00, 0x00}, echo = {0x43, 0x01, 0xA2, 0x00, 0x00, 0, 0, 0};
+  sim::firmware_stops_after(1);
+  command(nop);
+  EXPECT_EQ(pop_event(), echo);
+  command(nop);
+  EXPECT_EQ(pop_event(), bytes(8, 0));
+  const bytes before = mem_read(0x20010000, 16);
+  EXPECT_EQ(block(0x50), before); // the request is lost too
+  mem_write(0x20000024, {0x80});
+  os().usleep(20'000);
+  pop_event();
+  command(nop);
+  EXPECT_EQ(pop_event(), echo);
+
+  // One diagnostic block never loads; the others still do.
+  sim::block_never_loads(0x53);
+  EXPECT_EQ(block(0x52)[1], 0x52);
+  EXPECT_EQ(block(0x53)[1], 0x52);
+
+  // DRAM and frame memory are plain memory, but for a stuck bit.
+  sim::stuck_bit(0x00107FFF, 0x10, true);
+  sim::stuck_bit(0x20010020, 0x01, false);
+  mem_write(0x00107FFE, {0x00, 0x00});
+  mem_write(0x20010020, {0xFF});
+  EXPECT_EQ(mem_read(0x00107FFE, 2), (bytes{0x00, 0x10}));
+  EXPECT_EQ(mem_read(0x20010020, 1), bytes{0xFE});
+  EXPECT_EQ(read({0xA7, 0x00, 0x20}, 4, 1), bytes{0xFE}); // through the host-data read too
+
+  // A transfer over a faulty address fails once and does not reach the chip.
+  sim::transfer_error_at(0x00100102, sim::transfer_dir::write, EIO);
+  sim::transfer_error_at(0x20018000, sim::transfer_dir::read, EIO);
+  const bytes w = addressed(0xFA, 0x00100100, {1, 2, 3});
+  bytes rx(w.size());
+  EXPECT_EQ(fails(io(kSpiSync, record{w.data(), rx.data(), uint32_t(w.size())}.arg())), EIO);
+  EXPECT_EQ(sim::mem_read(0x00100100, 3), bytes(3, 0));
+  mem_write(0x00100100, {1, 2, 3});
+  EXPECT_EQ(sim::mem_read(0x00100100, 3), (bytes{1, 2, 3}));
+  const bytes r = addressed(0xFB, 0x20017FF0, bytes(40, 0xFF));
+  rx.assign(r.size(), 0);
+  EXPECT_EQ(fails(io(kSpiSync, record{r.data(), rx.data(), uint32_t(r.size())}.arg())), EIO);
+  mem_read(0x20017FF0, 40); // the fault is spent
 }
 
 } // namespace
