@@ -17,7 +17,9 @@ uint32_t vendor_afe_screen_off();
 const char *vendor_get_ic_name();
 const char *vendor_get_ic_vendor_name();
 const char *vendor_get_version();
-kvr_hw_cap *vendor_update_hw_cap(); // NULL when the configuration cannot be read
+// NULL when the channels or the frequency count cannot be read; a failed
+// frequency-list read still gives the record, with no list.
+kvr_hw_cap *vendor_update_hw_cap();
 uint32_t vendor_afe_enable_wakeup_gesture(uint32_t gesture);
 uint32_t vendor_afe_disable_wakeup_gesture();
 bool is_enable_idle_mode();
