@@ -78,6 +78,10 @@ TEST_F(FwCmd, WhatGoesOutAndHowLongTheLibraryWaitsBeforeGivingUp) {
       {"host data request lost", [] { sim::fail_spi_transfer(2, EIO); },
        [] { return request_host_data(0x30, 100); }, 5, wire{kHeaderRead} + times(20, kHeaderRead),
        100'000, {"Timeout after requesting host data type 30"}},
+      // A 1 ms budget still polls once before giving up.
+      {"host data one-ms time-out", [] {}, [] { return request_host_data(0x30, 1); }, 5,
+       {kHeaderRead, {0xA4, 0x06, 0x30}, kHeaderRead}, 5'000,
+       {"Timeout after requesting host data type 30"}},
       {"host data zero time-out", [] {}, [] { return request_host_data(0x30, 0); }, 5,
        {kHeaderRead, {0xA4, 0x06, 0x30}}, 0, {"Timeout after requesting host data type 30"}},
       {"reset", [] {}, [] { return system_reset(0); }, 0, {kReset}, 100'000, {"System reset.."}},

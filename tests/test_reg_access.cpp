@@ -74,6 +74,14 @@ TEST_F(RegAccess, NullBuffersChunkBoundariesAndATransferErrorMidWrite) {
                            "quillon_write tx buff is not NULL, cmd is NULL, cmd length = 3"));
   EXPECT_TRUE(logged_error("quillon_read",
                            "quillon_read tx buff is not NULL, cmd is NULL, cmd length = 5"));
+  // A bulk read with nowhere to put the data, or a negative length, sends nothing.
+  EXPECT_EQ(quillon_read_chunk_at(kRam, nullptr, 4), 2u);
+  EXPECT_EQ(quillon_read_chunk_at(kRam, out.data(), -1), 2u);
+  EXPECT_EQ(sim::spi_transfers().size(), 2u);
+  EXPECT_TRUE(
+      logged_error("quillon_read_chunk_at", "quillon_read_chunk_at dest is NULL, length = 4"));
+  EXPECT_TRUE(
+      logged_error("quillon_read_chunk_at", "quillon_read_chunk_at dest is not NULL, length = -1"));
 
   sim::clear_recording();
   const bytes data = pattern(SPI_WRITE_CHUNK + 1);
