@@ -529,6 +529,15 @@ TEST_F(FwUpdateTest, OnlyBitZeroOfAFlagCountsAndErasesStayInRange) {
   EXPECT_TRUE(sim::dma_transfers().empty());
   EXPECT_EQ(flash_update(record, 0, 0x03, 0), 0u);
   EXPECT_EQ(sim::erased_pages(), std::vector<int>{31});
+  // Code that fills whole DMA chunks takes exactly that many transfers.
+  ASSERT_GT(record.fw_size, 2 * FLASH_DMA_CHUNK);
+  record.fw_size = 2 * FLASH_DMA_CHUNK;
+  sim::clear_recording();
+  EXPECT_EQ(flash_update(record, 1, 0, 0), 0u);
+  const std::vector<sim::dma_record> dmas = sim::dma_transfers();
+  ASSERT_EQ(dmas.size(), 2u);
+  EXPECT_EQ(dmas[1].flash_offset, FLASH_DMA_CHUNK);
+  EXPECT_EQ(dmas[1].length, FLASH_DMA_CHUNK);
   clean_fw_file_info(&record);
 
   sim::clear_recording();

@@ -32,6 +32,22 @@ std::vector<uint16_t> config_reads() {
   return out;
 }
 
+// Read during static initialisation, before any test resets the library:
+// the chip layer as it comes up at load. Until the service reads the
+// capability, calibration is not allowed, nothing is requested of the chip
+// and no recalibration is pending.
+const bool kCalibrationAtLoad = is_enable_calibration();
+const uint8_t kRecalAtLoad = recal_request.load();
+const uint8_t kFreqRequestAtLoad = work_parm_request[WP_FREQ_INDEX].load();
+const uint8_t kRateRequestAtLoad = work_parm_request[WP_RATE_INDEX].load();
+
+TEST(ChipLayerAtLoad, NoCalibrationNoRequestNoRecalibration) {
+  EXPECT_FALSE(kCalibrationAtLoad);
+  EXPECT_EQ(kRecalAtLoad, 0);
+  EXPECT_EQ(kFreqRequestAtLoad, WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(kRateRequestAtLoad, WORK_PARM_NO_REQUEST);
+}
+
 using VendorLifecycle = IoSimTest;
 
 TEST_F(VendorLifecycle, StartForgetsTheWorkingPointAndSensesOn) {
