@@ -266,7 +266,13 @@ bool diag_command(const std::vector<uint8_t> &cmd) {
   return true;
 }
 
-bool diag_firmware_answers() {
+bool diag_firmware_answers(const std::vector<uint8_t> &cmd) {
+  const auto &key = g_diag.dies_on;
+  if (g_diag.dies_times > 0 && g_diag.answers_left != 0 && cmd.size() >= key.size() &&
+      std::equal(key.begin(), key.end(), cmd.begin())) {
+    --g_diag.dies_times;
+    g_diag.answers_left = 0;
+  }
   if (g_diag.answers_left == 0) {
     return false;
   }
@@ -334,6 +340,10 @@ int diag_transfer_error(const std::vector<uint8_t> &tx) {
   auto &faults = g_diag.transfer_faults;
   for (auto it = faults.begin(); it != faults.end(); ++it) {
     if (it->dir == dir && it->address - start < tx.size() - data_at) {
+      if (it->skip > 0) {
+        --it->skip;
+        continue;
+      }
       const int err = it->err;
       faults.erase(it);
       return err;
@@ -393,14 +403,20 @@ void firmware_stops_after(int commands) {
   g_diag.answers_left = commands < 0 ? 0 : commands;
 }
 
+void firmware_dies_on(const std::vector<uint8_t> &command, int times) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_diag.dies_on = command;
+  g_diag.dies_times = times;
+}
+
 void stuck_bit(uint32_t address, uint8_t mask, bool high) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_diag.stuck.push_back({address, mask, high});
 }
 
-void transfer_error_at(uint32_t address, transfer_dir dir, int err) {
+void transfer_error_at(uint32_t address, transfer_dir dir, int err, int nth) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_diag.transfer_faults.push_back({address, dir, err});
+  g_diag.transfer_faults.push_back({address, dir, err, nth > 1 ? nth - 1 : 0});
 }
 
 } // namespace sim

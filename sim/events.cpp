@@ -80,6 +80,12 @@ void drop_echoes(int times) {
   g_ic.drop_echoes = times;
 }
 
+void drop_echoes_of(const std::vector<uint8_t> &command, int times) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_ic.drop_echo_of = command;
+  g_ic.drop_echo_of_times = times;
+}
+
 void error_before_echo(int times) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_ic.error_before_echo = times;

@@ -172,7 +172,7 @@ void fw_command(const std::vector<uint8_t> &cmd) {
   if (!g_ic.running) {
     return; // the core is held: nobody reads the command
   }
-  if (!diag_firmware_answers()) {
+  if (!diag_firmware_answers(cmd)) {
     return; // the firmware has stopped: the command is lost
   }
   g_rec.fw.push_back(cmd);
@@ -184,6 +184,12 @@ void fw_command(const std::vector<uint8_t> &cmd) {
     return;
   }
   if (!execute(cmd)) {
+    return;
+  }
+  const auto &only = g_ic.drop_echo_of;
+  if (g_ic.drop_echo_of_times > 0 && cmd.size() >= only.size() &&
+      std::equal(only.begin(), only.end(), cmd.begin())) {
+    --g_ic.drop_echo_of_times;
     return;
   }
   if (g_ic.drop_echoes != 0) {

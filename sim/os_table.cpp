@@ -230,6 +230,8 @@ void clear_faults() {
     g_driver.faults.clear();
     g_driver.open_fail_times = 0;
     g_ic.drop_echoes = 0;
+    g_ic.drop_echo_of.clear();
+    g_ic.drop_echo_of_times = 0;
     g_ic.error_before_echo = 0;
     g_ic.fatal_next = false;
     g_ic.host_data_never_loads = false;
@@ -243,6 +245,8 @@ void clear_faults() {
     g_diag.drift_applied.clear();
     g_diag.silent_blocks.clear();
     g_diag.answers_left = -1;
+    g_diag.dies_on.clear();
+    g_diag.dies_times = 0;
     g_diag.transfer_faults.clear();
     g_diag.stuck.clear();
     const int64_t now = clock_now();

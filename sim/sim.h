@@ -196,7 +196,10 @@ void set_ready_delay_ms(uint32_t ms);
 
 // IC faults. A command whose echo is dropped still takes effect; the
 // command after fatal_on_next_command is lost and answered by F2.
-void drop_echoes(int times);       // -1: always
+void drop_echoes(int times); // -1: always
+// Only the echoes of commands beginning with these bytes, the next `times`
+// times (the commands still take effect).
+void drop_echoes_of(const std::vector<uint8_t> &command, int times);
 void error_before_echo(int times); // an 0xF3 event before each echo
 void fatal_on_next_command(bool with_dump);
 void host_data_never_loads(bool on);
@@ -261,12 +264,17 @@ void block_never_loads(uint8_t type);
 // The firmware answers this many more commands (host-data requests
 // included) and then nothing until a system reset.
 void firmware_stops_after(int commands);
+// The firmware stops answering when a command beginning with these bytes
+// arrives (that command is lost too), the next `times` times it does; each
+// time only until the next system reset.
+void firmware_dies_on(const std::vector<uint8_t> &command, int times);
 // Reads of address show bits of mask as 1 (high) or 0, whatever was written.
 void stuck_bit(uint32_t address, uint8_t mask, bool high);
 // The next memory write (FA) or read (FB) whose data covers address fails
 // with errno err and does not reach the chip.
+// nth: the Nth such transfer from now fails instead (1 = the next).
 enum class transfer_dir { write, read };
-void transfer_error_at(uint32_t address, transfer_dir dir, int err);
+void transfer_error_at(uint32_t address, transfer_dir dir, int err, int nth = 1);
 
 // ---- Panel ----------------------------------------------------------------
 

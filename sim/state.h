@@ -83,7 +83,9 @@ struct ic_data {
   uint8_t load_type = 0;
   uint16_t load_counter = 0;
   // Faults.
-  int drop_echoes = 0;       // -1 always
+  int drop_echoes = 0;               // -1 always
+  std::vector<uint8_t> drop_echo_of; // only this command's echo is dropped
+  int drop_echo_of_times = 0;
   int error_before_echo = 0; // -1 always
   bool fatal_next = false;
   bool fatal_with_dump = false;
@@ -129,6 +131,7 @@ struct transfer_fault {
   uint32_t address;
   transfer_dir dir;
   int err;
+  int skip; // matching transfers that still pass before this one fails
 };
 
 struct stuck_cell {
@@ -153,7 +156,9 @@ struct diag_data {
   int noisy_swing = 0;
   bool noisy_up = false; // the direction of the next swing
   std::set<uint8_t> silent_blocks;
-  int answers_left = -1; // commands the firmware still answers; -1 no limit
+  int answers_left = -1;        // commands the firmware still answers; -1 no limit
+  std::vector<uint8_t> dies_on; // a command (prefix) that stops the firmware
+  int dies_times = 0;           // how many more times it does
   std::vector<transfer_fault> transfer_faults;
   std::vector<stuck_cell> stuck;
 };
@@ -250,7 +255,7 @@ void diag_on_system_reset();
 // Carries out a diagnostic firmware command; false when cmd is not one.
 bool diag_command(const std::vector<uint8_t> &cmd);
 // Whether the firmware is still there to answer a command (counts it).
-bool diag_firmware_answers();
+bool diag_firmware_answers(const std::vector<uint8_t> &cmd);
 bool diag_block_loads(uint8_t type);
 // Writes the block of a diagnostic host-data type; false for other types.
 bool diag_write_block(uint8_t type, uint16_t counter);

@@ -103,4 +103,142 @@ TEST_F(InspectRunTest, HealthyPanelPassesWithAllFiveBuffersInOutputOrientation) 
   EXPECT_EQ(inspect_line_data[50], 0x8000);
 }
 
+// One simulated panel per documented mask value, the tests each must run,
+// and the verdict line it must log.
+TEST_F(InspectRunTest, EachFaultGivesItsMaskAndRunsOnlyItsTests) {
+  const uint32_t kResetAddress = 0x20000024;
+  const struct {
+    const char *panel;
+    void (*fault)();
+    uint32_t mask;
+    bool tests_ran; // ITO, noise and CX
+    const char *verdict;
+  } cases[] = {
+      {"stuck DRAM bit", [] { sim::stuck_bit(0x00100010, 0x01, false); }, 0x40, false,
+       "SRAM Test failed 64"},
+      {"core cannot be held",
+       [] { sim::transfer_error_at(0x20000126, sim::transfer_dir::write, 5); }, 0x40, false,
+       "SRAM Test failed 1"},
+      {"first reset fails",
+       [] { sim::transfer_error_at(kResetAddress, sim::transfer_dir::write, 5); }, 0x01, false,
+       "Error while system resetting"},
+      {"chip info never loads", [] { sim::block_never_loads(0x01); }, 0x01, false,
+       "Error reading chip info"},
+      {"open electrode", [] { sim::ito_open(sim::electrode::force, 3); }, 0x08, true,
+       "ITO test failed 8"},
+      {"ITO command unacknowledged", [] { sim::drop_echoes_of(kItoCommand, 2); }, 0x10, true,
+       "ITO test failed 16"},
+      {"ITO frame unreadable",
+       [] { sim::transfer_error_at(0x20011234, sim::transfer_dir::read, 5, 3); }, 0x10, true,
+       "ITO test failed 1"},
+      {"unacknowledged and open",
+       [] {
+         sim::drop_echoes_of(kItoCommand, 2);
+         sim::ito_short(sim::electrode::sense, 20);
+       },
+       0x18, true, "ITO test failed 24"},
+      {"noisy node", [] { sim::noisy_node(2, 5, 100); }, 0x04, true, "Noise data test failed 4"},
+      {"open and noisy",
+       [] {
+         sim::ito_open(sim::electrode::force, 3);
+         sim::noisy_node(2, 5, 100);
+       },
+       0x0C, true, "Noise data test failed 4"},
+      {"unacknowledged and noisy",
+       [] {
+         sim::drop_echoes_of(kItoCommand, 2);
+         sim::noisy_node(2, 5, 100);
+       },
+       0x14, true, "Noise data test failed 4"},
+      {"everything but CX",
+       [] {
+         sim::drop_echoes_of(kItoCommand, 2);
+         sim::ito_open(sim::electrode::force, 3);
+         sim::noisy_node(2, 5, 100);
+       },
+       0x1C, true, "Noise data test failed 4"},
+      {"compensation drift", [] { sim::drift_after_autotune(sim::comp_set::ms_lp_total, 40, 30001); },
+       0x80, true, "CX data test failed 128"},
+      // The CX verdict replaces the others instead of adding to them.
+      {"drift on a panel failing everything",
+       [] {
+         sim::drop_echoes_of(kItoCommand, 2);
+         sim::ito_open(sim::electrode::force, 3);
+         sim::noisy_node(2, 5, 100);
+         sim::drift_after_autotune(sim::comp_set::ss_sense, 7, 30001);
+       },
+       0x80, true, "CX data test failed 128"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.panel);
+    sim::clear_faults();
+    inspect_done.store(false);
+    inspect_noise_data.fill(0x1234);
+    c.fault();
+    clear_log();
+    sim::clear_recording();
+    EXPECT_EQ(kvr_afe_inspect(), c.mask);
+    EXPECT_TRUE(logged_error("vendor_afe_inspect", c.verdict));
+    EXPECT_EQ(sent(kItoCommand), c.tests_ran);
+    EXPECT_EQ(sent(kMutualAutotune), c.tests_ran);
+    EXPECT_EQ(inspect_done.load(), c.tests_ran);
+    if (!c.tests_ran) {
+      // Grid and line hold the default, the noise buffer what it had.
+      EXPECT_TRUE(std::all_of(inspect_grid_data.begin(), inspect_grid_data.end(),
+                              [](uint16_t v) { return v == 0x8000; }));
+      EXPECT_TRUE(std::all_of(inspect_line_data.begin(), inspect_line_data.end(),
+                              [](uint16_t v) { return v == 0x8000; }));
+      EXPECT_EQ(inspect_noise_data[100], 0x1234);
+    }
+    sim::clear_faults();
+    expect_scanning_again();
+  }
+}
+
+// A test that fails while the firmware answers is final; one whose firmware
+// died is run again after a reset, and the second attempt's verdict stands.
+TEST_F(InspectRunTest, OnlyATestWhoseFirmwareDiedIsRetried) {
+  const bytes kSyncRequest = {0xA4, 0x06, 0x30};
+  const struct {
+    const char *what;
+    bytes kills;
+    int deaths;
+    const char *retry;
+    uint32_t mask;
+    int resets;
+  } cases[] = {
+      {"ITO, once", kItoCommand, 1, "Retry ITO test", 0x00, 4},
+      // The firmware stays dead after the second attempt: the noise test
+      // cannot enter factory mode and passes as it always has; the CX test
+      // fails its reads and is retried after a reset of its own.
+      {"ITO, twice", kItoCommand, 2, "Retry ITO test", 0x18, 5},
+      {"noise, once", kSyncRequest, 1, "Retry noise test", 0x00, 4},
+      {"CX, once", kMutualAutotune, 1, "Retry CX test", 0x00, 4},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    sim::clear_faults();
+    sim::firmware_dies_on(c.kills, c.deaths);
+    clear_log();
+    sim::clear_recording();
+    const int resets_before = sim::ic().resets;
+    EXPECT_EQ(kvr_afe_inspect(), c.mask);
+    EXPECT_EQ(count_logged(1, c.retry), 1);
+    EXPECT_TRUE(logged_error(c.retry));
+    EXPECT_TRUE(logged_error("is_fw_alive", "FW is dead - get echo event timeout"));
+    // Two resets before the tests, one before each retry, one at the end.
+    EXPECT_EQ(sim::ic().resets - resets_before, c.resets);
+    expect_scanning_again();
+  }
+  // An open electrode fails with the firmware alive: no second attempt.
+  sim::clear_faults();
+  sim::ito_open(sim::electrode::sense, 9);
+  clear_log();
+  sim::clear_recording();
+  EXPECT_EQ(kvr_afe_inspect(), 0x08u);
+  EXPECT_EQ(count_sent(kItoCommand), 1);
+  EXPECT_FALSE(mentioned("Retry ITO test"));
+  EXPECT_TRUE(logged_error("is_fw_alive", "FW is alive"));
+}
+
 } // namespace
