@@ -1,0 +1,246 @@
+// The inspection tests one by one (limits look-up, boundaries, commands that
+// may fail), dump_cx, and the driver's early returns and allocation failures.
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "afe/afe.h"
+#include "chip/inspect/inspect.h"
+#include "chip/inspect/inspect_tests.h"
+#include "chip/transport/fw_cmd.h"
+#include "chip/transport/host_data.h"
+#include "platform/ioctrl.h"
+#include "support/fixture.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+// A limits copy of the embedded text's exact length with one edit of the
+// same length (the copy carries no terminating NUL, like the driver's).
+std::vector<char> limits_with(const std::string &from, const std::string &to) {
+  std::vector<char> copy(limit_file_data, limit_file_data + limit_file_size);
+  const std::string text(copy.begin(), copy.end());
+  const size_t at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  EXPECT_EQ(from.size(), to.size());
+  if (at != std::string::npos) {
+    std::copy(to.begin(), to.end(), copy.begin() + static_cast<long>(at));
+  }
+  return copy;
+}
+
+// The same copy with the first value of a table (node 0) rewritten.
+std::vector<char> limits_with_first_value(const std::string &label, const std::string &from,
+                                          const std::string &to) {
+  const std::string text(limit_file_data, limit_file_size);
+  const size_t header = text.find("*" + label + ",");
+  const size_t values = text.find("\r\n", header) + 2;
+  EXPECT_EQ(text.compare(values, from.size(), from), 0) << label;
+  return limits_with(text.substr(header, values + from.size() - header),
+                     text.substr(header, values - header) + to);
+}
+
+class InspectStepTest : public SimTest {
+protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    open_and_start();
+    sim::set_noise(0);
+    // The driver refreshes the chip info before the tests that use it.
+    ASSERT_EQ(read_chip_info(&sys_info), 0u);
+    clear_log();
+    sim::clear_recording();
+  }
+};
+
+TEST_F(InspectStepTest, AMissingLabelEndsItsTestWithItsOwnMessageBeforeAnyCommand) {
+  const struct {
+    uint32_t (*test)(const char *);
+    const char *label;
+    const char *message_names;
+  } cases[] = {
+      {inspect_ito, "MS_RAW_ITO_DATA_MIN", "MS_RAW_ITO_DATA_MIN"},
+      {inspect_ito, "MS_RAW_ITO_DATA_MAX", "MS_RAW_ITO_DATA_MAX"},
+      {inspect_raw_data, "MS_RAW_DATA_EACH_MIN", "MS_RAW_DATA_EACH_MIN"},
+      // The raw-data test names its minimum for either label.
+      {inspect_raw_data, "MS_RAW_DATA_EACH_MAX", "MS_RAW_DATA_EACH_MIN"},
+      {inspect_noise, "MS_RAW_NOISE_DATA_DELTA", "MS_RAW_NOISE_DATA_DELTA"},
+      {inspect_cx, "MS_TOUCH_LOWPOWER_TOTAL_CX_MAX", "MS_TOUCH_LOWPOWER_TOTAL_CX_MAX"},
+      {inspect_cx, "SS_DETECT_TOTAL_IX_FORCE_MAX", "SS_DETECT_TOTAL_IX_FORCE_MAX"},
+      {inspect_cx, "SS_DETECT_TOTAL_IX_SENSE_MAX", "SS_DETECT_TOTAL_IX_SENSE_MAX"},
+      {inspect_cx, "SS_TOUCH_ACTIVE_TOTAL_IX_FORCE_MAX", "SS_TOUCH_ACTIVE_TOTAL_IX_FORCE_MAX"},
+      {inspect_cx, "SS_TOUCH_ACTIVE_TOTAL_IX_SENSE_MAX", "SS_TOUCH_ACTIVE_TOTAL_IX_SENSE_MAX"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.label);
+    std::string renamed = std::string("*") + c.label;
+    renamed[1] = 'X';
+    const auto limits = limits_with(std::string("*") + c.label + ",", renamed + ",");
+    clear_log();
+    sim::clear_recording();
+    EXPECT_EQ(c.test(limits.data()), 128u);
+    EXPECT_TRUE(logged_error("parse_limits_file", "Couldnt find the test limit\n"));
+    EXPECT_TRUE(logged_error(std::string("Couldnt find the label ") + c.message_names +
+                             " in the test limit file"));
+    EXPECT_TRUE(sim::fw_commands().empty());
+    EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
+  }
+}
+
+// A table with fewer values than the panel has nodes cannot judge it: the
+// test fails instead of reading past the table.
+TEST_F(InspectStepTest, ALimitsTableSmallerThanThePanelFailsItsTest) {
+  const struct {
+    uint32_t (*test)(const char *);
+    const char *header;
+    const char *smaller;
+    uint32_t result;
+  } cases[] = {
+      {inspect_ito, "*MS_RAW_ITO_DATA_MAX,16,34", "*MS_RAW_ITO_DATA_MAX,1 ,34", 128},
+      {inspect_raw_data, "*MS_RAW_DATA_EACH_MIN,16,34", "*MS_RAW_DATA_EACH_MIN,1 ,34", 128},
+      {inspect_noise, "*MS_RAW_NOISE_DATA_DELTA,16,34", "*MS_RAW_NOISE_DATA_DELTA,1 ,34", 128},
+      {inspect_cx, "*MS_TOUCH_LOWPOWER_TOTAL_CX_MAX,16,34", "*MS_TOUCH_LOWPOWER_TOTAL_CX_MAX,1 ,34",
+       128},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.header);
+    const auto limits = limits_with(c.header, c.smaller);
+    clear_log();
+    EXPECT_EQ(c.test(limits.data()), c.result);
+    EXPECT_EQ(count_logged_starting(1, "Limits "), 1);
+    EXPECT_EQ(count_logged_starting(1, "Node["), 0);
+    EXPECT_EQ(count_logged_starting(1, " node["), 0);
+    EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
+  }
+  EXPECT_TRUE(logged_error("inspect_cx", "Mutual Lowpower Total CX FAIL"));
+  EXPECT_TRUE(logged_error("inspect_cx", "Self Sense Total IX OK!!"));
+}
+
+// Each node's spread over the thirty frames: a swing of +-75 makes a delta
+// of 150, exactly the limit, and passes; the same delta fails a limit of
+// 149.
+TEST_F(InspectStepTest, NoiseDeltaEqualToItsLimitPassesAndOneMoreFails) {
+  sim::noisy_node(0, 0, 75);
+  EXPECT_EQ(inspect_noise(limit_file_data), 0u);
+  EXPECT_TRUE(logged_error("inspect_noise", "Freq 0 noise data test OK!!"));
+  EXPECT_TRUE(logged_at(3, "inspect_noise", "Freq 0 Mutual Noise Delta: "));
+  // Node (0, 0) is the last entry of the transposed, reversed output.
+  EXPECT_EQ(inspect_noise_data[543], 150u);
+  EXPECT_EQ(std::count(inspect_noise_data.begin(), inspect_noise_data.begin() + 544, 0), 543);
+  const uint16_t first_grid = inspect_grid_data[543];
+  // Thirty frames, each asked for and each answered.
+  const auto commands = sim::fw_commands();
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), bytes{0xA4, 0x06, 0x30}), 30);
+
+  const auto limits = limits_with_first_value("MS_RAW_NOISE_DATA_DELTA", "150", "149");
+  clear_log();
+  EXPECT_EQ(inspect_noise(limits.data()), 4u);
+  EXPECT_TRUE(logged_error("inspect_noise", "Freq 0 noise data test FAIL"));
+  EXPECT_EQ(count_logged_starting(1, "Node[0,0] = 150 exceed limit > 149"), 1);
+  // The grid holds the first frame of the run: the node at one end of its
+  // swing, the other end a frame later.
+  const int raw = static_cast<int16_t>(inspect_grid_data[543] ^ 0x8000);
+  const int before = static_cast<int16_t>(first_grid ^ 0x8000);
+  EXPECT_EQ(std::abs(raw - before) % 150, 0);
+}
+
+TEST_F(InspectStepTest, RawDataTestPassesWithoutFactoryModeAndStopsAtOnceOnItsFirstSteps) {
+  const bytes factory = {0xC0, 0x01, 0x02}, lock = {0xA0, 0x03, 0x00};
+  EXPECT_EQ(inspect_raw_data(limit_file_data), 0u);
+  EXPECT_TRUE(logged_error("inspect_raw_data", "MUTUAL RAW MIN MAX TEST OK"));
+  EXPECT_TRUE(logged_at(3, "inspect_raw_data", "OUT"));
+  EXPECT_NE(inspect_grid_data[0], 0u);
+
+  const struct {
+    bytes unanswered;
+    uint32_t result;
+    const char *message;
+  } cases[] = {
+      {factory, 0, "Error enabling factory mode"},
+      {lock, 1, "Error writing scan lock mode"},
+      {bytes{0xA4, 0x06, 0x30}, 1, "Error requesting new frame"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.message);
+    sim::clear_faults();
+    sim::firmware_dies_on(c.unanswered, 1);
+    clear_log();
+    sim::clear_recording();
+    EXPECT_EQ(inspect_raw_data(limit_file_data), c.result);
+    EXPECT_TRUE(logged_error("inspect_raw_data", c.message));
+    // No retry rule on these steps: the firmware is not even asked.
+    EXPECT_FALSE(mentioned("Retry raw data test"));
+    EXPECT_EQ(
+        count_logged(1, "FW is alive") + count_logged(1, "FW is dead - get echo event timeout"), 0);
+    ASSERT_EQ(system_reset(1), 0u);
+  }
+  // Node (0, 0) under a minimum of 30000.
+  sim::clear_faults();
+  const auto limits = limits_with_first_value("MS_RAW_DATA_EACH_MIN", "-30000", "030000");
+  clear_log();
+  EXPECT_EQ(inspect_raw_data(limits.data()), 2u);
+  EXPECT_EQ(count_logged_starting(1, " node[0,0] = "), 1);
+  EXPECT_TRUE(logged_error("inspect_raw_data", "MUTUAL RAW MIN MAX TEST FAIL"));
+}
+
+TEST_F(InspectStepTest, CxTestJudgesWhateverTheTuningCommandsAnswerAndRunsAllFiveChecks) {
+  sim::drop_echoes_of({0xA4, 0x03, 0x03, 0x00}, 2);
+  EXPECT_EQ(inspect_cx(limit_file_data), 0u);
+  EXPECT_TRUE(logged_error("inspect_cx", "Mutual autotune failed"));
+  EXPECT_TRUE(logged_error("inspect_cx", "Mutual Lowpower Total CX OK!!"));
+
+  sim::clear_faults();
+  sim::drift_after_autotune(sim::comp_set::ms_lp_total, 40, 30001);
+  clear_log();
+  EXPECT_EQ(inspect_cx(limit_file_data), 128u);
+  EXPECT_TRUE(logged_error("inspect_cx", "Mutual Lowpower Total CX FAIL"));
+  for (const char *ok : {"Self Force Detect Total IX OK!!", "Self Sense Detect Total IX OK!!",
+                         "Self Force Total IX OK!!", "Self Sense Total IX OK!!"}) {
+    EXPECT_TRUE(logged_error("inspect_cx", ok));
+  }
+  // The calibration buffer holds the new value, not the change.
+  EXPECT_GT(inspect_calib_grid_data[(33 - 6) * 16 + (15 - 1)], 30001u);
+
+  // A read made only for the log still ends the test with its reader's code.
+  sim::clear_faults();
+  sim::block_never_loads(0x12);
+  clear_log();
+  EXPECT_EQ(inspect_cx(limit_file_data), 1u);
+  EXPECT_TRUE(logged_error("inspect_cx", "Error reading SS IX & CX"));
+  EXPECT_FALSE(mentioned("Mutual Lowpower Total CX OK!!"));
+}
+
+TEST_F(InspectStepTest, DumpCxWritesTheLowPowerFrameAndStopsAtTheFirstFailedRead) {
+  std::vector<uint16_t> out(3000, 0xBEEF);
+  uint32_t count = 0;
+  EXPECT_EQ(dump_cx(out.data(), &count), 0u);
+  EXPECT_EQ(count, 544u);
+  EXPECT_TRUE(logged_at(3, "dump_cx", "Mutual Lowpower Total CX: 16 * 34"));
+  EXPECT_TRUE(logged_at(3, "dump_cx", "Self Sense Detect Total IX: 34"));
+  EXPECT_TRUE(logged_at(3, "dump_cx", "Self Force Total IX: 16"));
+  EXPECT_EQ(out[544], 0xBEEF);
+  EXPECT_NE(out[543], 0xBEEF);
+  sim::block_never_loads(0x53);
+  clear_log();
+  EXPECT_EQ(dump_cx(out.data(), &count), 1u);
+  EXPECT_TRUE(logged_error("dump_cx", "Error reading SS LP Total IX & CX"));
+  EXPECT_FALSE(mentioned("Self Force Detect Total IX: 16"));
+  EXPECT_FALSE(mentioned("Self Force Total IX: 16"));
+}
+
+TEST_F(InspectStepTest, SramMismatchAtTheFirstByteStopsBeforeTheFrameMemory) {
+  sim::stuck_bit(0x00100000, 0x01, false);
+  EXPECT_EQ(inspect_sram(), 64u);
+  EXPECT_TRUE(logged_error("check_ram", "Data read from 00100000 is A4, while expecting A5"));
+  EXPECT_TRUE(logged_error("inspect_sram", "Error checking DRAM.."));
+  EXPECT_TRUE(logged_error("inspect_sram", "OUT"));
+  for (const auto &tx : spi_sent()) {
+    ASSERT_FALSE(tx.size() > 5 && tx[0] == 0xFA && tx[1] == 0x20 && tx[2] == 0x01)
+        << "frame memory written";
+  }
+  EXPECT_EQ(sim::ic().core_held, true);
+}
+
+} // namespace
