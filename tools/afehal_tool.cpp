@@ -112,6 +112,21 @@ int main(int argc, char **argv) {
       "limits", "check a test-limits file and list its tables (default: the embedded text)");
   limits->add_option("FILE", limits_opts.file, "test-limits file (default: the embedded text)");
 
+  tool::inspect_options inspect_opts;
+  CLI::App *inspect = app.add_subcommand(
+      "inspect", "run the factory inspection: verdict, failing nodes, versions, report");
+  inspect->add_flag("--sim", inspect_opts.use_sim, "use the simulated driver, IC and panel");
+  inspect
+      ->add_option("--panel", inspect_opts.panel,
+                   "simulated faults, combinable (e.g. ito-open,noisy):\n" + tool::sim_panel_help())
+      ->delimiter(',');
+  inspect->add_option("--report", inspect_opts.report_dir,
+                      "write PNG heatmaps, CSV files and summary.json into this directory");
+  inspect
+      ->add_option("--log-level", inspect_opts.log_level,
+                   "library log level 1..5 (above 1 every library line goes to stderr)")
+      ->check(CLI::Range(1, 5));
+
   CLI11_PARSE(app, argc, argv);
   if (demo->parsed()) {
     return run_demo(demo_sim, demo_level);
@@ -132,6 +147,9 @@ int main(int argc, char **argv) {
   }
   if (limits->parsed()) {
     return tool::run_limits(limits_opts);
+  }
+  if (inspect->parsed()) {
+    return tool::run_inspect(inspect_opts);
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "sim/sim.h"
 
@@ -97,5 +98,19 @@ struct limits_options {
 // Checks the limits file (line and field of the first problem) and lists
 // its tables with their shapes and value ranges.
 int run_limits(const limits_options &options);
+
+struct inspect_options {
+  bool use_sim = false;
+  std::vector<std::string> panel; // simulated faults, combined (--sim only)
+  std::string report_dir;         // empty: no report
+  int log_level = 1;              // the stages are read from the level-1 lines
+};
+// Runs the factory inspection, prints the verdict, the failing nodes and the
+// chip's versions, and writes the report when asked. 0 every test passed,
+// 2 something failed, 1 the inspection could not run or the report could not
+// be written.
+int run_inspect(const inspect_options &options);
+// One line per simulated panel: its name and what is wrong with it.
+std::string sim_panel_help();
 
 } // namespace tool
