@@ -157,8 +157,9 @@ TEST_F(InspectRunTest, EachFaultGivesItsMaskAndRunsOnlyItsTests) {
          sim::noisy_node(2, 5, 100);
        },
        0x1C, true, "Noise data test failed 4"},
-      {"compensation drift", [] { sim::drift_after_autotune(sim::comp_set::ms_lp_total, 40, 30001); },
-       0x80, true, "CX data test failed 128"},
+      {"compensation drift",
+       [] { sim::drift_after_autotune(sim::comp_set::ms_lp_total, 40, 30001); }, 0x80, true,
+       "CX data test failed 128"},
       // The CX verdict replaces the others instead of adding to them.
       {"drift on a panel failing everything",
        [] {
@@ -239,6 +240,56 @@ TEST_F(InspectRunTest, OnlyATestWhoseFirmwareDiedIsRetried) {
   EXPECT_EQ(count_sent(kItoCommand), 1);
   EXPECT_FALSE(mentioned("Retry ITO test"));
   EXPECT_TRUE(logged_error("is_fw_alive", "FW is alive"));
+}
+
+// The two early returns restore nothing: after a failed interrupt switch
+// nothing was touched; after a failed limits copy the interrupt stays off.
+// inspect_done, once set, survives both.
+TEST_F(InspectRunTest, EarlyReturnsRestoreNothingAndKeepInspectDone) {
+  ASSERT_EQ(kvr_afe_inspect(), 0u);
+  ASSERT_TRUE(inspect_done.load());
+
+  sim::fail_ioctl(KVR_IOCTL_SET_IRQ, 5);
+  clear_log();
+  sim::clear_recording();
+  EXPECT_EQ(kvr_afe_inspect(), 0x80u);
+  EXPECT_TRUE(logged_error("vendor_afe_inspect", "Error disabling the host irq"));
+  EXPECT_EQ(sim::ioctls(KVR_IOCTL_SET_IRQ).size(), 1u);
+  EXPECT_TRUE(sim::fw_commands().empty());
+  EXPECT_TRUE(sim::driver().irq_enabled);
+
+  inspect_grid_data.fill(7);
+  sim::fail_allocation(1);
+  clear_log();
+  sim::clear_recording();
+  const int resets = sim::ic().resets;
+  EXPECT_EQ(kvr_afe_inspect(), 0x80u);
+  EXPECT_TRUE(logged_error("vendor_afe_inspect", "Error allocating memory"));
+  EXPECT_FALSE(sim::driver().irq_enabled);
+  EXPECT_EQ(sim::ic().resets, resets);
+  EXPECT_FALSE(mentioned("Sense on and request Frame..."));
+  EXPECT_EQ(inspect_grid_data[0], 0x8000); // reset before the copy was attempted
+  EXPECT_TRUE(inspect_done.load());
+  clear_log();
+  EXPECT_EQ(kvr_afe_get_inspect_noise(), inspect_noise_data.data());
+  EXPECT_FALSE(mentioned("Please run kvr_afe_inspect first!"));
+  EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
+}
+
+// An allocation that fails anywhere in the run costs a verdict at most:
+// nothing leaks and the library scans again afterwards.
+TEST_F(InspectRunTest, AnAllocationFailingAnywhereLeaksNothingAndScanningResumes) {
+  const std::vector<uint32_t> documented = {0x00, 0x01, 0x04, 0x08, 0x0C, 0x10,
+                                            0x14, 0x18, 0x1C, 0x40, 0x80};
+  for (int nth : {2, 5, 40, 200, 400, 800, 1600}) {
+    SCOPED_TRACE(nth);
+    sim::fail_allocation(nth);
+    const uint32_t mask = kvr_afe_inspect();
+    sim::fail_allocation(0);
+    EXPECT_NE(std::find(documented.begin(), documented.end(), mask), documented.end()) << mask;
+    EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
+    expect_scanning_again();
+  }
 }
 
 } // namespace
