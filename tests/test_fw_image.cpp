@@ -50,43 +50,7 @@ std::string joined_log() {
 
 class FwImageTest : public SimTest {};
 
-TEST_F(FwImageTest, EmbeddedImageParsesIntoOwnedSections) {
-  const std::vector<uint8_t> img = embedded();
-  parsed p(img);
-  ASSERT_EQ(p.result, 0u);
-  EXPECT_EQ(p.rec.fw_ver, 0x0084);
-  EXPECT_EQ(p.rec.cfg_id, 0x00B9);
-  EXPECT_EQ(p.rec.cfg_ver, 0x0051);
-  EXPECT_EQ(p.rec.cx_ver, 0x0011);
-  EXPECT_EQ(std::vector<uint8_t>(p.rec.ext_release, p.rec.ext_release + 8),
-            (std::vector<uint8_t>{0x51, 0, 0x21, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(p.pages(), (std::vector<int>{28, 1, 2, 1}));
-  EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, kCodeLen));
-  EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCfgAt, kCfgLen));
-  EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCxAt, kCxLen));
-  EXPECT_EQ((std::vector<size_t>{p.rec.fw_size, p.rec.cfg_size, p.rec.cx_size}),
-            (std::vector<size_t>{kCodeLen, kCfgLen, kCxLen}));
-
-  // Progress at level 3; the external release through the plain logger.
-  for (const char *text :
-       {"FW signature OK", "Fw binary version OK", "HW Chip Id: 0x3648", "FW version: 0x0084",
-        "config id: 0x00B9", "config version: 0x0051", "fw data length: 99076 bytes",
-        "fw config data length: 3380 bytes", "cx data length: 1516 bytes", "cx version: 0x0011"}) {
-    EXPECT_TRUE(logged_at(3, kTag, text));
-  }
-  EXPECT_EQ(joined_log(),
-            "FW signature OK|Fw binary version OK|HW Chip Id: 0x3648|FW version: 0x0084|"
-            "config id: 0x00B9|config version: 0x0051|external release: |51 |00 |21 |00 |00 |00 |"
-            "00 |00 |\n|fw data length: 99076 bytes|fw config data length: 3380 bytes|"
-            "cx data length: 1516 bytes|cx version: 0x0011|");
-  EXPECT_TRUE(android_errors().empty());
-
-  clean_fw_file_info(&p.rec);
-  EXPECT_TRUE(!p.rec.fw_data && !p.rec.cfg_data && !p.rec.cx_data);
-  clean_fw_file_info(nullptr); // nothing to free
-}
-
-TEST_F(FwImageTest, EachFieldComesFromItsOwnOffsetAndTheRestIsIgnored) {
+TEST_F(FwImageTest, EachFieldComesFromItsOwnOffsetIntoOwnedSections) {
   std::vector<uint8_t> img = embedded();
   // Bytes no field owns, scribbled over.
   for (const auto &[from, to] : std::vector<std::pair<size_t, size_t>>{
@@ -109,7 +73,29 @@ TEST_F(FwImageTest, EachFieldComesFromItsOwnOffsetAndTheRestIsIgnored) {
   EXPECT_EQ(std::vector<uint8_t>(p.rec.ext_release, p.rec.ext_release + 8),
             (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
   EXPECT_EQ(p.pages(), (std::vector<int>{5, 1, 3, 255}));
-  EXPECT_TRUE(logged_at(3, kTag, "cx version: 0x9A8B"));
+  EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, kCodeLen));
+  EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCfgAt, kCfgLen));
+  EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCxAt, kCxLen));
+  EXPECT_EQ((std::vector<size_t>{p.rec.fw_size, p.rec.cfg_size, p.rec.cx_size}),
+            (std::vector<size_t>{kCodeLen, kCfgLen, kCxLen}));
+
+  // Progress at level 3; the external release through the plain logger.
+  for (const char *text :
+       {"FW signature OK", "Fw binary version OK", "HW Chip Id: 0x3648", "FW version: 0xA1B2",
+        "config id: 0xC3D4", "config version: 0xE5F6", "fw data length: 99076 bytes",
+        "fw config data length: 3380 bytes", "cx data length: 1516 bytes", "cx version: 0x9A8B"}) {
+    EXPECT_TRUE(logged_at(3, kTag, text));
+  }
+  EXPECT_EQ(joined_log(),
+            "FW signature OK|Fw binary version OK|HW Chip Id: 0x3648|FW version: 0xA1B2|"
+            "config id: 0xC3D4|config version: 0xE5F6|external release: |01 |02 |03 |04 |05 |06 |"
+            "07 |08 |\n|fw data length: 99076 bytes|fw config data length: 3380 bytes|"
+            "cx data length: 1516 bytes|cx version: 0x9A8B|");
+  EXPECT_TRUE(android_errors().empty());
+
+  clean_fw_file_info(&p.rec);
+  EXPECT_TRUE(!p.rec.fw_data && !p.rec.cfg_data && !p.rec.cx_data);
+  clean_fw_file_info(nullptr); // nothing to free
 }
 
 TEST_F(FwImageTest, HeaderFaultsRejectOrOnlyWarn) {
@@ -169,18 +155,10 @@ TEST_F(FwImageTest, SectionLengthsPlaceTheSectionsAndZeroMeansNone) {
     put_le(img, 52, c.cx);
     parsed p(img);
     ASSERT_EQ(p.result, 0u);
-    EXPECT_EQ(p.rec.fw_data != nullptr, c.code != 0);
-    EXPECT_EQ(p.rec.cfg_data != nullptr, c.cfg != 0);
-    EXPECT_EQ(p.rec.cx_data != nullptr, c.cx != 0);
-    if (c.code != 0) {
-      EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, c.code));
-    }
-    if (c.cfg != 0) {
-      EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCodeAt + c.code, c.cfg));
-    }
-    if (c.cx != 0) {
-      EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCodeAt + c.code + c.cfg, c.cx));
-    }
+    // An empty section has no buffer; the others hold their own bytes.
+    EXPECT_EQ(same_bytes(p.rec.fw_data, img, kCodeAt, c.code), c.code != 0);
+    EXPECT_EQ(same_bytes(p.rec.cfg_data, img, kCodeAt + c.code, c.cfg), c.cfg != 0);
+    EXPECT_EQ(same_bytes(p.rec.cx_data, img, kCodeAt + c.code + c.cfg, c.cx), c.cx != 0);
     const uint8_t *version = img.data() + kCodeAt + c.code + c.cfg + 20;
     EXPECT_EQ(p.rec.cx_ver, c.has_version ? version[0] | version[1] << 8 : 0);
     EXPECT_EQ(count_logged_starting(3, "cx version: "), c.has_version ? 1 : 0);
