@@ -91,6 +91,29 @@ uint32_t request_with_header(const char *tag, uint8_t type, header_bytes &header
   return DIAG_OK;
 }
 
+// The compensation block behind the header: refused when empty or larger
+// than the buffers, else read whole into raw. 0, 1 or 128.
+uint32_t read_cx_block(const char *tag, uint32_t force, uint32_t sense, uint32_t size,
+                       bool (*fits)(const char *, uint32_t, uint32_t), heap_buffer<uint8_t> &raw) {
+  if (size == 0) {
+    log_error(tag, "Wrong force/sense length %d/%d", static_cast<int>(force),
+              static_cast<int>(sense));
+    return DIAG_ERR_DATA;
+  }
+  if (!fits(tag, force, sense)) {
+    return DIAG_ERR_DATA;
+  }
+  raw = heap_buffer<uint8_t>(size);
+  if (!raw) {
+    return alloc_failed(tag);
+  }
+  if (quillon_read_chunk_at(kDataAddress, raw.get(), static_cast<int32_t>(size)) != 0) {
+    log_error(tag, "Error reading CX data");
+    return DIAG_ERR_READ;
+  }
+  return DIAG_OK;
+}
+
 } // namespace
 
 mutual_frame new_mutual_frame() {
@@ -238,21 +261,10 @@ uint32_t read_ms_cx_data(uint8_t type, mutual_frame *frame) {
     return DIAG_ERR_DATA;
   }
   const uint32_t size = force * sense * width;
-  if (size == 0) {
-    log_error(tag, "Wrong force/sense length %d/%d", static_cast<int>(force),
-              static_cast<int>(sense));
-    return DIAG_ERR_DATA;
-  }
-  if (!fits_buffers(tag, force, sense)) {
-    return DIAG_ERR_DATA;
-  }
-  heap_buffer<uint8_t> raw(size);
-  if (!raw) {
-    return alloc_failed(tag);
-  }
-  if (quillon_read_chunk_at(kDataAddress, raw.get(), static_cast<int32_t>(size)) != 0) {
-    log_error(tag, "Error reading CX data");
-    return DIAG_ERR_READ;
+  heap_buffer<uint8_t> raw;
+  result = read_cx_block(tag, force, sense, size, &fits_buffers, raw);
+  if (result != DIAG_OK) {
+    return result;
   }
   log_error(tag, "Read MS CX %dX%d in %d bytes", static_cast<int>(force), static_cast<int>(sense),
             static_cast<int>(size));
@@ -319,21 +331,10 @@ uint32_t read_ss_cx_data(uint8_t type, ss_cx_data *ix, ss_cx_data *cx) {
     return DIAG_ERR_DATA;
   }
   const uint32_t size = (force + sense) * 2 * width;
-  if (size == 0) {
-    log_error(tag, "Wrong force/sense length %d/%d", static_cast<int>(force),
-              static_cast<int>(sense));
-    return DIAG_ERR_DATA;
-  }
-  if (!fits_line(tag, force, sense)) {
-    return DIAG_ERR_DATA;
-  }
-  heap_buffer<uint8_t> raw(size);
-  if (!raw) {
-    return alloc_failed(tag);
-  }
-  if (quillon_read_chunk_at(kDataAddress, raw.get(), static_cast<int32_t>(size)) != 0) {
-    log_error(tag, "Error reading CX data");
-    return DIAG_ERR_READ;
+  heap_buffer<uint8_t> raw;
+  result = read_cx_block(tag, force, sense, size, &fits_line, raw);
+  if (result != DIAG_OK) {
+    return result;
   }
   log_error(tag, "Read SS IX force %d, IX sense %d, CX force %d, CX sense %d",
             static_cast<int>(ix->force_len), static_cast<int>(ix->sense_len),
