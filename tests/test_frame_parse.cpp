@@ -144,12 +144,9 @@ const float kGainSsSense[kS] = {
 };
 // clang-format on
 
-// gain x raw in single precision, truncated toward zero.
-int32_t truncated(float gain, int16_t raw) {
-  return static_cast<int32_t>(gain * static_cast<float>(raw));
-}
+// gain x raw in single precision, truncated toward zero, low 16 bits kept.
 uint16_t converted(float gain, int16_t raw) {
-  return static_cast<uint16_t>(truncated(gain, raw));
+  return static_cast<uint16_t>(static_cast<int32_t>(gain * static_cast<float>(raw)));
 }
 
 // A raw value from seed on whose product with gain truncates differently in
@@ -157,11 +154,25 @@ uint16_t converted(float gain, int16_t raw) {
 int16_t precision_sensitive_raw(float gain, int seed) {
   for (int step = 0; step < 65536; ++step) {
     const auto raw = static_cast<int16_t>(seed + step);
-    if (static_cast<int32_t>(static_cast<double>(gain) * raw) != truncated(gain, raw)) {
+    if (static_cast<uint16_t>(static_cast<double>(gain) * raw) != converted(gain, raw)) {
       return raw;
     }
   }
   return static_cast<int16_t>(seed);
+}
+
+// Counts the outputs of a force x sense grid that differ from the gain
+// corrected raw node (F-1-i, S-1-o) at output o*F + i, plus offset.
+int wrong_nodes(const uint16_t *out, const int16_t *raw, const float *gains, uint32_t force,
+                uint32_t sense, uint16_t offset) {
+  int wrong = 0;
+  for (uint32_t o = 0; o < sense; ++o) {
+    for (uint32_t i = 0; i < force; ++i) {
+      const uint32_t e = (force - 1 - i) * sense + (sense - 1 - o);
+      wrong += out[o * force + i] != static_cast<uint16_t>(converted(gains[e], raw[e]) + offset);
+    }
+  }
+  return wrong;
 }
 
 // An independent CRC: Boost's generic table-driven CRC with the same
@@ -195,6 +206,13 @@ strings messages_with(const std::string &part) {
   std::copy_if(all.begin(), all.end(), std::back_inserter(found),
                [&](const std::string &msg) { return msg.find(part) != std::string::npos; });
   return found;
+}
+
+// Empty for no message, else exactly that message once, at level 1 with
+// its Android copy.
+void expect_only_message(const std::string &part, const std::string &message) {
+  EXPECT_EQ(messages_with(part), message.empty() ? strings{} : strings{message});
+  EXPECT_TRUE(message.empty() || logged_error("vendor_parse_ioctrl_frame", message));
 }
 
 class FrameParseTest : public IoSimTest {
@@ -235,55 +253,31 @@ TEST_F(FrameParseTest, ChecksumMatchesAnIndependentCrcForEveryTailLength) {
 }
 
 TEST_F(FrameParseTest, EveryNodeIsGainCorrectedInSinglePrecisionAndReordered) {
-  // Mutual output k = o*F + i takes raw node (F-1-i, S-1-o): sense-major,
-  // both axes reversed. Self output: force then sense, each reversed. Each
-  // node carries a raw value whose product truncates differently in double
-  // precision.
+  // Mutual output is sense-major with both axes reversed; self output is
+  // force then sense, each reversed; zero signal reads 0x8000. Each node
+  // carries a raw value whose product truncates differently in double.
   for (const auto &[force, sense] : {std::pair{kF, kS}, std::pair{2u, 3u}}) {
     SCOPED_TRACE(std::to_string(force) + " X " + std::to_string(sense));
     sim::frame_fields desc = frame(9);
     desc.force = static_cast<uint8_t>(force);
     desc.sense = static_cast<uint8_t>(sense);
-    desc.mutual.resize(force * sense);
-    desc.self_force.resize(force);
-    desc.self_sense.resize(sense);
     int seed = -32768;
-    for (uint32_t e = 0; e < force * sense; ++e) {
-      desc.mutual[e] = precision_sensitive_raw(kGainMs[e], seed += 997);
-    }
-    for (uint32_t c = 0; c < force; ++c) {
-      desc.self_force[c] = precision_sensitive_raw(kGainSsForce[c], seed += 997);
-    }
-    for (uint32_t c = 0; c < sense; ++c) {
-      desc.self_sense[c] = precision_sensitive_raw(kGainSsSense[c], seed += 997);
-    }
-    ASSERT_TRUE(parse(desc));
-    int wrong = 0;
-    for (uint32_t o = 0; o < sense; ++o) {
-      for (uint32_t i = 0; i < force; ++i) {
-        const uint32_t e = (force - 1 - i) * sense + (sense - 1 - o);
-        wrong += record_.mutual[o * force + i] != (converted(kGainMs[e], desc.mutual[e]) ^ kZero);
+    auto fill = [&seed](std::vector<int16_t> &raw, uint32_t n, const float *gains) {
+      raw.resize(n);
+      for (uint32_t e = 0; e < n; ++e) {
+        raw[e] = precision_sensitive_raw(gains[e], seed += 997);
       }
-    }
-    for (uint32_t j = 0; j < force; ++j) {
-      const uint32_t c = force - 1 - j;
-      wrong += record_.self[j] != (converted(kGainSsForce[c], desc.self_force[c]) ^ kZero);
-    }
-    for (uint32_t j = 0; j < sense; ++j) {
-      const uint32_t c = sense - 1 - j;
-      wrong += record_.self[force + j] != (converted(kGainSsSense[c], desc.self_sense[c]) ^ kZero);
-    }
-    EXPECT_EQ(wrong, 0);
+    };
+    fill(desc.mutual, force * sense, kGainMs);
+    fill(desc.self_force, force, kGainSsForce);
+    fill(desc.self_sense, sense, kGainSsSense);
+    ASSERT_TRUE(parse(desc));
+    EXPECT_EQ(wrong_nodes(record_.mutual, desc.mutual.data(), kGainMs, force, sense, kZero), 0);
+    EXPECT_EQ(wrong_nodes(record_.self, desc.self_force.data(), kGainSsForce, 1, force, kZero), 0);
+    EXPECT_EQ(
+        wrong_nodes(record_.self + force, desc.self_sense.data(), kGainSsSense, 1, sense, kZero),
+        0);
   }
-
-  // Zero signal reads 0x8000; -100 at the corner gain of 1.0 reads 0x7F9C.
-  sim::frame_fields desc = frame(10);
-  desc.mutual[0] = -100;
-  desc.mutual[kF * kS - 1] = 7;
-  ASSERT_TRUE(parse(desc));
-  EXPECT_EQ(record_.mutual[kF * kS - 1], 0x7F9C);
-  EXPECT_EQ(record_.mutual[0], 0x8007);
-  EXPECT_EQ(std::count(record_.mutual, record_.mutual + kF * kS, kZero), kF * kS - 2);
 }
 
 TEST_F(FrameParseTest, TheGainTablesAreThePanelsCalibrationData) {
@@ -299,24 +293,16 @@ TEST_F(FrameParseTest, FrameProcessConvertsTheWholeRawRangeWithTheChosenTable) {
       {GAIN_SS_FORCE, 1, kF, kGainSsForce},
       {GAIN_SS_SENSE, 1, kS, kGainSsSense},
   };
-  constexpr uint16_t kOffset = 5;
   for (const auto &[table, force, sense, gains] : tables) {
     SCOPED_TRACE(table);
-    const uint32_t nodes = static_cast<uint32_t>(force) * sense;
-    std::vector<int16_t> src(nodes);
-    std::vector<uint16_t> dest(nodes);
+    std::vector<int16_t> src(static_cast<size_t>(force) * sense);
+    std::vector<uint16_t> dest(src.size());
     int wrong = 0;
     for (int raw = -32768; raw <= 32767; ++raw) {
       std::fill(src.begin(), src.end(), static_cast<int16_t>(raw));
-      frame_process(reinterpret_cast<const uint8_t *>(src.data()), dest.data(), force, sense,
-                    kOffset, table);
-      for (uint32_t o = 0; o < sense; ++o) {
-        for (uint32_t i = 0; i < force; ++i) {
-          const uint32_t e = (force - 1u - i) * sense + (sense - 1u - o);
-          const auto expected = static_cast<uint16_t>(converted(gains[e], src[e]) + kOffset);
-          wrong += dest[o * force + i] != expected;
-        }
-      }
+      frame_process(reinterpret_cast<const uint8_t *>(src.data()), dest.data(), force, sense, 5,
+                    table);
+      wrong += wrong_nodes(dest.data(), src.data(), gains, force, sense, 5);
     }
     EXPECT_EQ(wrong, 0);
   }
@@ -337,58 +323,49 @@ TEST_F(FrameParseTest, FrameProcessConvertsTheWholeRawRangeWithTheChosenTable) {
   EXPECT_EQ(std::count(dest.begin(), dest.end(), 0xAAAA), static_cast<long>(kF * kS));
 }
 
-TEST_F(FrameParseTest, HeaderFieldsAndTheRateCode) {
-  // Rate code and rate: below 0x40 is 180 Hz.
-  const std::pair<uint8_t, uint16_t> rates[] = {{0x3F, 180}, {0x40, 120}};
+TEST_F(FrameParseTest, HeaderFieldsRateCodeScanModeAndCalibrationMakeTheRecord) {
+  // Scan mode, rate code, calibrated; status at the working point (no
+  // shift) and its lines. Rate codes below 0x40 are 180 Hz.
+  const std::tuple<uint8_t, uint8_t, bool, uint32_t, strings> cases[] = {
+      {4, 0x40, false, 0x02, {"Active status: 00000002"}},
+      {2, 0x3F, false, 0x01, {"Idle status: 00000001"}},
+      {3, 0x40, false, 0x00, {"None status: 00000000"}},
+      {4, 0x40, true, 0x0A, {"Active status: 00000002", "Calibration done status: 0000000A"}},
+      {0, 0x40, true, 0x08, {"None status: 00000000", "Calibration done status: 00000008"}},
+  };
   uint16_t index = 40;
-  for (const auto &[code, rate] : rates) {
+  for (const auto &[mode, code, calibrated, status, lines] : cases) {
+    SCOPED_TRACE(status);
+    vendor_clear_status(KVR_AFE_STATUS_CALIBRATION_DONE);
+    ASSERT_TRUE(!calibrated || vendor_calibration());
+    work_parm[WP_FREQ_INDEX].store(1); // 145 kHz: the frame shows no shift
+    work_parm[WP_RATE_INDEX].store(code < 0x40 ? 1 : 0);
     sim::frame_fields desc = frame(++index, 145, code);
+    desc.scan_mode = mode;
     desc.noise_level = 9;
-    const uint16_t stddev[] = {1, 300, 65535, static_cast<uint16_t>(index)};
+    const uint16_t stddev[] = {1, 300, 65535, index};
     std::copy(stddev, stddev + 4, desc.stddev);
     clear_log();
     ASSERT_TRUE(parse(desc));
+    const int rate = code < 0x40 ? 180 : 120;
     EXPECT_EQ(record_.frame_index, index);
     EXPECT_EQ(record_.freq_khz, 145);
     EXPECT_EQ(record_.rate_hz, rate);
-    EXPECT_TRUE(logged_at(4, "vendor_parse_ioctrl_frame",
-                          "Frame " + std::to_string(index) + " checksum OK"));
-    char line[96];
-    snprintf(line, sizeof line,
-             "Frame index: %d, size: 16 X 34, scan mode: 04, freq: 145KHz, rate: %dHz", index,
-             rate);
-    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
-    snprintf(line, sizeof line, "Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: %d", index);
-    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
-  }
-  EXPECT_FALSE(vendor_loop_get_frame());
-}
-
-TEST_F(FrameParseTest, ScanModeAndCalibrationMakeTheStatusBits) {
-  // Scan mode, calibrated, status at the working point (no shift), lines.
-  const std::tuple<uint8_t, bool, uint32_t, strings> cases[] = {
-      {4, false, 0x02, {"Active status: 00000002"}},
-      {2, false, 0x01, {"Idle status: 00000001"}},
-      {3, false, 0x00, {"None status: 00000000"}},
-      {4, true, 0x0A, {"Active status: 00000002", "Calibration done status: 0000000A"}},
-      {0, true, 0x08, {"None status: 00000000", "Calibration done status: 00000008"}},
-  };
-  for (const auto &[mode, calibrated, status, lines] : cases) {
-    SCOPED_TRACE(status);
-    vendor_clear_status(KVR_AFE_STATUS_CALIBRATION_DONE);
-    if (calibrated) {
-      ASSERT_TRUE(vendor_calibration());
-    }
-    sim::frame_fields desc = frame(43);
-    desc.scan_mode = mode;
-    clear_log();
-    ASSERT_TRUE(parse(desc));
     EXPECT_EQ(record_.status, status);
     EXPECT_EQ(messages_with(" status: "), lines);
     for (const auto &line : lines) {
       EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", line));
     }
+    EXPECT_TRUE(logged_at(4, "Frame " + std::to_string(index) + " checksum OK"));
+    char line[96];
+    snprintf(line, sizeof line,
+             "Frame index: %d, size: 16 X 34, scan mode: %02d, freq: 145KHz, rate: %dHz", index,
+             mode, rate);
+    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
+    snprintf(line, sizeof line, "Noise level: 9, stddev r0: 1, r1: 300, r2: 65535, r3: %d", index);
+    EXPECT_TRUE(logged_at(3, "vendor_parse_ioctrl_frame", line));
   }
+  EXPECT_FALSE(vendor_loop_get_frame());
 }
 
 TEST_F(FrameParseTest, BadFramesAreRejectedAndLeaveTheRecordButTheIndex) {
@@ -450,8 +427,7 @@ TEST_F(FrameParseTest, LossesAndChecksumErrorsAreCounted) {
     desc.fw_counter = fw_counter;
     clear_log();
     ASSERT_TRUE(parse(desc));
-    EXPECT_EQ(messages_with("Frame missing"), loss.empty() ? strings{} : strings{loss});
-    EXPECT_TRUE(loss.empty() || logged_error("vendor_parse_ioctrl_frame", loss));
+    expect_only_message("Frame missing", loss);
   }
 
   // Each checksum error counts; a good frame in between keeps the count.
@@ -459,15 +435,13 @@ TEST_F(FrameParseTest, LossesAndChecksumErrorsAreCounted) {
     bytes data = sim::build_frame(frame(12));
     const uint32_t stored = reference_crc(data.data(), kFullBody);
     data[100 + error] ^= 0x01;
-    const uint32_t computed = reference_crc(data.data(), kFullBody);
     record_.frame_index = 0;
-    clear_log();
     EXPECT_FALSE(parse(data));
     EXPECT_EQ(record_.frame_index, 12u);
     char text[160];
     snprintf(text, sizeof text,
              "Error frame 12 checksum, error count %d, header CRC = %08X, calculated CRC = %08X",
-             error, stored, computed);
+             error, stored, reference_crc(data.data(), kFullBody));
     EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", text));
     ASSERT_TRUE(parse(frame(12)));
   }
@@ -509,23 +483,23 @@ TEST_F(FrameParseTest, ShiftsAreTrackedPerAxisOrForBothRequestedAxes) {
     clear_log();
     ASSERT_TRUE(parse(frame(index++, freq, rate_code)));
     EXPECT_EQ((record_.status & kShift) != 0, shift);
-    EXPECT_EQ(messages_with("hift"), log.empty() ? strings{} : strings{log});
-    EXPECT_TRUE(log.empty() || logged_error("vendor_parse_ioctrl_frame", log));
+    expect_only_message("hift", log);
     EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), cur_f);
     EXPECT_EQ(work_parm[WP_RATE_INDEX].load(), cur_r);
     EXPECT_EQ(work_parm_request[WP_FREQ_INDEX].load(), req_f);
     EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), req_r);
   }
-}
 
-TEST_F(FrameParseTest, WithoutAFrequencyListEveryFrameIsAShiftToTheFirstPoint) {
+  // Without a frequency list no entry matches, not even a frequency of 0:
+  // every frame is a shift to the first point.
   sim::fail_spi_transfer(3, EIO); // the T cycle: the list cannot be read
   ASSERT_NE(vendor_update_hw_cap(), nullptr);
   ASSERT_EQ(hw_cap.freq_list, nullptr);
-  // No entry of an empty list matches, not even a frequency of 0.
+  work_parm_request[WP_RATE_INDEX].store(kNone);
+  work_parm[WP_RATE_INDEX].store(0); // 120 Hz, as the frames
   for (uint16_t freq : {160, 0}) {
     clear_log();
-    ASSERT_TRUE(parse(frame(static_cast<uint16_t>(freq + 1), freq)));
+    ASSERT_TRUE(parse(frame(index++, freq)));
     EXPECT_NE(record_.status & kShift, 0u);
     EXPECT_EQ(count_logged_starting(1, "Frequency shift done: "), 1);
     EXPECT_EQ(work_parm[WP_FREQ_INDEX].load(), 0);

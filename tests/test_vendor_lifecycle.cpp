@@ -58,14 +58,12 @@ TEST_F(VendorLifecycle, StartForgetsTheWorkingPointAndSensesOn) {
   ASSERT_NE(vendor_update_hw_cap(), nullptr);
   ASSERT_TRUE(vendor_force_freq_point(2));
   ASSERT_TRUE(vendor_force_scan_rate(1));
-  sim::frame_fields fields;
-  fields.freq_khz = 133; // point 2 of the simulated chip
-  fields.rate_code = 0x00;
-  kvr_frame_data record{};
-  ioctrl_framedata *req = vendor_get_ioctrl_framedata();
+  sim::frame_fields fields; // rate code 0: 180 Hz
+  fields.freq_khz = 133;    // point 2
   const bytes frame = sim::build_frame(fields);
-  std::copy(frame.begin(), frame.end(), req->buf);
-  ASSERT_TRUE(vendor_parse_ioctrl_frame(req, &record));
+  kvr_frame_data record{};
+  std::copy(frame.begin(), frame.end(), vendor_get_ioctrl_framedata()->buf);
+  ASSERT_TRUE(vendor_parse_ioctrl_frame(vendor_get_ioctrl_framedata(), &record));
   ASSERT_EQ(work_parm[WP_FREQ_INDEX].load(), 2);
   ASSERT_TRUE(vendor_calibration());
   ASSERT_TRUE(vendor_enter_idle());
@@ -164,29 +162,17 @@ TEST_F(VendorLifecycle, CapabilityRecordFromTheConfigurationSpace) {
             (std::vector<uint16_t>{160, 149, 133, 123}));
   EXPECT_EQ(std::vector<uint16_t>(hw_cap.rate_list, hw_cap.rate_list + 2),
             (std::vector<uint16_t>{120, 180}));
-  const std::tuple<const char *, uint64_t, uint64_t> fields[] = {
-      {"force_len", hw_cap.force_len, 16},
-      {"sense_len", hw_cap.sense_len, 34},
-      {"reserved0", hw_cap.reserved0, 0},
-      {"reserved1", hw_cap.reserved1, 0},
-      {"channel_const", hw_cap.channel_const, 34},
-      {"value_4200", hw_cap.value_4200, 4200},
-      {"freq_count", hw_cap.freq_count, 4},
-      {"rate_count", hw_cap.rate_count, 2},
-      {"word0", hw_cap.word0, 0},
-      {"word1", hw_cap.word1, 2},
-      {"calibration_enable", hw_cap.calibration_enable, 0},
-      {"word3", hw_cap.word3, 0},
-      {"word4", hw_cap.word4, 2},
-      {"word5", hw_cap.word5, 1},
-      {"qword0", hw_cap.qword0, 0},
-      {"qword1", hw_cap.qword1, 0},
-      {"qword2[0]", hw_cap.qword2[0], 0},
-      {"qword2[1]", hw_cap.qword2[1], 0},
-  };
-  for (const auto &[name, actual, expected] : fields) {
-    EXPECT_EQ(actual, expected) << name;
-  }
+  // Channels, their constants, the list sizes and the fixed words, in
+  // record order.
+  // clang-format off
+  const std::vector<uint64_t> fields = {
+      hw_cap.force_len, hw_cap.sense_len, hw_cap.reserved0, hw_cap.reserved1,
+      hw_cap.channel_const, hw_cap.value_4200, hw_cap.freq_count, hw_cap.rate_count,
+      hw_cap.word0, hw_cap.word1, hw_cap.calibration_enable, hw_cap.word3, hw_cap.word4,
+      hw_cap.word5, hw_cap.qword0, hw_cap.qword1, hw_cap.qword2[0], hw_cap.qword2[1]};
+  // clang-format on
+  EXPECT_EQ(fields,
+            (std::vector<uint64_t>{16, 34, 0, 0, 34, 4200, 4, 2, 0, 2, 0, 0, 2, 1, 0, 0, 0, 0}));
   for (const char *line :
        {"Force length: 10, sense Length: 22, swap: 1, force reverse: 1, sense reverse: 1",
         "Number of scan freq 4", "Number of scan rate 2", "DP742 settings"}) {
@@ -197,13 +183,11 @@ TEST_F(VendorLifecycle, CapabilityRecordFromTheConfigurationSpace) {
   EXPECT_FALSE(is_enable_autotune());
   EXPECT_TRUE(is_enable_idle_mode() && is_enable_freq_switch() && is_enable_rate_switch());
   // Look-ups: the first matching entry, 0 when absent.
-  const std::tuple<uint16_t, uint8_t> freqs[] = {{160, 0}, {133, 2}, {123, 3}, {999, 0}};
-  for (const auto &[freq, index] : freqs) {
-    EXPECT_EQ(get_scan_freq_index(freq), index) << freq;
-  }
-  EXPECT_EQ(get_scan_rate_index(180), 1);
-  EXPECT_EQ(get_scan_rate_index(120), 0);
-  EXPECT_EQ(get_scan_rate_index(60), 0);
+  EXPECT_EQ((std::vector<int>{get_scan_freq_index(160), get_scan_freq_index(133),
+                              get_scan_freq_index(123), get_scan_freq_index(999),
+                              get_scan_rate_index(180), get_scan_rate_index(120),
+                              get_scan_rate_index(60)}),
+            (std::vector<int>{0, 2, 3, 0, 1, 0, 0}));
 }
 
 TEST_F(VendorLifecycle, ScanFrequenciesFromTheTCycleAndTheOffsets) {
