@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chip/transport/le_bytes.h"
 #include "platform/heap.h"
 #include "platform/log.h"
 
@@ -22,15 +23,6 @@ constexpr size_t OFF_FW_LENGTH = 44;
 constexpr size_t OFF_CFG_LENGTH = 48;
 constexpr size_t OFF_CX_LENGTH = 52;
 constexpr size_t GEOMETRY_BYTES = 4;
-
-uint16_t le16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-
-uint32_t le32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
 
 uint8_t or_default(uint8_t value, uint8_t fallback) {
   return value != 0 ? value : fallback;

@@ -3,6 +3,7 @@
 #include <array>
 
 #include "chip/transport/host_data.h"
+#include "chip/transport/le_bytes.h"
 #include "chip/transport/reg_access.h"
 #include "platform/heap.h"
 #include "platform/log.h"
@@ -34,14 +35,15 @@ uint32_t read_header(header_bytes &header) {
   return quillon_read(kCmd, sizeof kCmd, header.data(), kHeaderSize);
 }
 
-int16_t le16(const uint8_t *p) {
-  return static_cast<int16_t>(p[0] | (p[1] << 8));
+// A 16-bit value from the IC, read as signed.
+int16_t le16s(const uint8_t *p) {
+  return static_cast<int16_t>(le16(p));
 }
 
 // count little-endian 16-bit values from src.
 void copy_le16(int16_t *dest, const uint8_t *src, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
-    dest[i] = le16(src + 2 * i);
+    dest[i] = le16s(src + 2 * i);
   }
 }
 
@@ -274,7 +276,7 @@ uint32_t read_ms_cx_data(uint8_t type, mutual_frame *frame) {
     return alloc_failed(tag);
   }
   for (uint32_t i = 0; i < count; ++i) {
-    frame->data[i] = width == 2 ? le16(raw.get() + 2 * i) : static_cast<int16_t>(raw[i]);
+    frame->data[i] = width == 2 ? le16s(raw.get() + 2 * i) : static_cast<int16_t>(raw[i]);
   }
   return DIAG_OK;
 }
@@ -286,7 +288,7 @@ void split_ss_values(int16_t *dest, const uint8_t *src, uint32_t count, uint32_t
                      bool is_cx) {
   for (uint32_t i = 0; i < count; ++i) {
     if (width == 2) {
-      dest[i] = le16(src + 2 * i);
+      dest[i] = le16s(src + 2 * i);
     } else if (is_cx) {
       dest[i] = static_cast<int8_t>(src[i]);
     } else {

@@ -24,6 +24,24 @@ constexpr const char *kNoiseMissing[] = {
 // frequency the IC scans.
 constexpr int kNoiseFreq = 0;
 
+// Factory mode with the scan locked, as both tests measure. *measure is set
+// when the panel can be measured. Without factory mode there is nothing to
+// measure, which both tests have always reported as a pass (0); a failed
+// scan lock fails the test.
+uint32_t start_factory_scan(const char *tag, bool *measure) {
+  *measure = false;
+  if (enter_factory_mode() != 0) {
+    log_error(tag, "Error enabling factory mode");
+    return INSPECT_TEST_OK;
+  }
+  if (lock_scan() != 0) {
+    log_error(tag, "Error writing scan lock mode");
+    return INSPECT_TEST_STEP_FAILED;
+  }
+  *measure = true;
+  return INSPECT_TEST_OK;
+}
+
 // Asks the IC for a fresh sync frame; logs the failure.
 bool request_sync_frame(const char *tag) {
   if (request_host_data(HOST_DATA_SYNC_FRAME, SYNC_FRAME_TIMEOUT_MS) != 0) {
@@ -36,16 +54,10 @@ bool request_sync_frame(const char *tag) {
 uint32_t raw_attempt(void *context, bool *final) {
   constexpr const char *tag = "inspect_raw_data";
   const auto &limits = *static_cast<const limit_set *>(context);
-  // Without factory mode there is nothing to measure; the test has always
-  // reported that as a pass.
   *final = true;
-  if (enter_factory_mode() != 0) {
-    log_error(tag, "Error enabling factory mode");
-    return INSPECT_TEST_OK;
-  }
-  if (lock_scan() != 0) {
-    log_error(tag, "Error writing scan lock mode");
-    return INSPECT_TEST_STEP_FAILED;
+  bool measure = false;
+  if (const uint32_t result = start_factory_scan(tag, &measure); !measure) {
+    return result;
   }
   if (!request_sync_frame(tag)) {
     return INSPECT_TEST_STEP_FAILED;
@@ -150,14 +162,9 @@ uint32_t judge_noise(const char *tag, noise_fold &fold, const test_limit_data &l
 uint32_t noise_attempt(void *context, bool * /*final*/) {
   constexpr const char *tag = "inspect_noise";
   const auto &limits = *static_cast<const limit_set *>(context);
-  // Without factory mode the test passes, as it always has.
-  if (enter_factory_mode() != 0) {
-    log_error(tag, "Error enabling factory mode");
-    return INSPECT_TEST_OK;
-  }
-  if (lock_scan() != 0) {
-    log_error(tag, "Error writing scan lock mode");
-    return INSPECT_TEST_STEP_FAILED;
+  bool measure = false;
+  if (const uint32_t result = start_factory_scan(tag, &measure); !measure) {
+    return result;
   }
   noise_fold fold;
   uint32_t result = read_first_noise_frame(tag, fold);

@@ -3,6 +3,7 @@
 #include <array>
 
 #include "chip/transport/fw_cmd.h"
+#include "chip/transport/le_bytes.h"
 #include "chip/transport/reg_access.h"
 #include "platform/log.h"
 #include "platform/os.h"
@@ -17,14 +18,6 @@ constexpr uint32_t kPollIntervalUs = 5000;
 constexpr int64_t kChipInfoTimeoutMs = 100;
 constexpr uint8_t kCmdRequestHostData = 0xA4;
 constexpr uint8_t kSubRequestHostData = 0x06;
-
-uint16_t le16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-uint32_t le32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
 
 // Decodes the chip-info block. The chip1 id sits at bytes 15-16, one byte
 // off alignment, and shares byte 16 with the firmware version; byte 14 is
