@@ -1,6 +1,7 @@
 // Idle entry and exit, the idle interval, status acknowledgement,
-// calibration, autotune, the diagnosis after frame time-outs, and the
-// time-outs and retries of every firmware command of the chip operations.
+// calibration, autotune, the diagnosis after frame time-outs, frequency-point
+// and scan-rate forcing, and the time-outs and retries of every firmware
+// command of the chip operations.
 #include <algorithm>
 #include <cerrno>
 #include <functional>
@@ -27,6 +28,8 @@ const bytes kAutotune = {0xA4, 0x00, 0x03};
 const bytes kSaveCx = {0xA4, 0x05, 0x02};
 const bytes kChipInfoRequest = {0xA4, 0x06, 0x01};
 const bytes kFrameStatus = {0xC0, 0x07};
+const bytes kPoint2 = {0xA0, 0x03, 0x06};
+const bytes kRate1 = {0xC0, 0x00, 0x01};
 constexpr int64_t kMs = 1000;
 
 bool sent(const bytes &cmd) {
@@ -55,14 +58,8 @@ TEST_F(IdleCalibTest, UnansweredCommandsAreSentTwiceAndWaitedForTheirTimeOut) {
   const std::tuple<const char *, std::function<bool()>, commands, int64_t> cases[] = {
       {"enter idle", vendor_enter_idle, {kEnterIdle, kEnterIdle}, 2 * 100},
       {"exit idle", vendor_exit_idle, {kSenseOn, kSenseOn}, 2 * 100},
-      {"frequency point",
-       [] { return vendor_force_freq_point(2); },
-       {{0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x06}},
-       2 * 100},
-      {"scan rate",
-       [] { return vendor_force_scan_rate(1); },
-       {{0xC0, 0x00, 0x01}, {0xC0, 0x00, 0x01}},
-       2 * 50},
+      {"frequency point", [] { return vendor_force_freq_point(2); }, {kPoint2, kPoint2}, 2 * 100},
+      {"scan rate", [] { return vendor_force_scan_rate(1); }, {kRate1, kRate1}, 2 * 50},
       {"calibration", vendor_calibration, {kCalibration, kCalibration}, 2 * 300},
       // The failed save resets the chip, which is ready again 10 ms later.
       {"autotune",
@@ -100,10 +97,13 @@ TEST_F(IdleCalibTest, IdleEntryAndExitSwitchTheDriverTimeOutOnlyOnSuccess) {
   EXPECT_EQ(sim::driver().frame_timeout_ms, 253u);
   EXPECT_EQ(work_parm[WP_AUTO_SHIFT_DISABLED].load(), 0);
 
-  // Baseline and threshold: nothing to send for this chip.
+  // Baseline, threshold and parameter sync: nothing to send for this chip.
   restart_recording();
   EXPECT_TRUE(vendor_reset_idle_baseline());
   EXPECT_TRUE(vendor_idle_threshold());
+  m_need_update_param.store(1);
+  vendor_cmds_sync();
+  EXPECT_EQ(m_need_update_param.load(), 0);
   EXPECT_TRUE(sim::spi_transfers().empty());
 }
 
@@ -211,22 +211,7 @@ TEST_F(IdleCalibTest, AutotuneFallsBackToSavingTheCompensationAndStopsOnFailures
   EXPECT_EQ(work_parm[WP_AUTO_SHIFT_DISABLED].load(), 0);
 }
 
-TEST_F(IdleCalibTest, TheCallbackIsStoredAndParameterSyncSendsNothing) {
-  const auto function = reinterpret_cast<kvr_afe_calib_data_func>(0x1234);
-  const auto context = reinterpret_cast<kvr_afe_calib_data_func>(0x5678);
-  vendor_set_calib_data_callback_func(function, context);
-  EXPECT_EQ(autotune_ops.function.load(), function);
-  EXPECT_EQ(autotune_ops.context.load(), context);
-  EXPECT_TRUE(logged_at(3, "vendor_set_calib_data_callback_func", "only write has been used"));
-  m_need_update_param.store(1);
-  vendor_cmds_sync();
-  EXPECT_EQ(m_need_update_param.load(), 0);
-  EXPECT_TRUE(sim::spi_transfers().empty());
-}
-
 TEST_F(IdleCalibTest, DebugReportChecksLinkAndFirmwareAndTheThirdTimeOutRaisesSos) {
-  // The simulated chip's id registers at 0x20000000.
-  ASSERT_EQ(sim::mem_read(0x20000000, 8), (bytes{0x36, 0x48, 0x01, 0x00, 0x36, 0x00, 0x02, 0x00}));
   for (int timeout = 1; timeout <= 3; ++timeout) {
     SCOPED_TRACE(timeout);
     restart_recording();
@@ -291,6 +276,76 @@ TEST_F(IdleCalibTest, AFrameStatusThatNeverComesIsWaitedForOneSecond) {
   // The echo of the liveness probe and the chip-info block take 9 ms of the
   // simulated chip's time; the rest is the frame-status wait.
   EXPECT_EQ(waited, (1000 + 9) * kMs);
+}
+
+// The frequency points of the simulated chip: 160, 145, 133, 123 kHz; two rates.
+uint8_t requested_freq() {
+  return work_parm_request[WP_FREQ_INDEX].load();
+}
+uint8_t auto_shift_disabled() {
+  return work_parm[WP_AUTO_SHIFT_DISABLED].load();
+}
+
+TEST_F(IdleCalibTest, APointIsSentWhenNewOrWhileShiftIsAutomaticAndNeverPastTheList) {
+  // The current point once (it pins it), again, another point twice, a third.
+  for (uint32_t index : {0u, 0u, 2u, 2u, 3u}) {
+    EXPECT_TRUE(vendor_force_freq_point(index));
+  }
+  EXPECT_EQ(sim::fw_commands(),
+            (commands{{0xA0, 0x03, 0x04}, {0xA0, 0x03, 0x06}, {0xA0, 0x03, 0x07}}));
+  EXPECT_EQ(sim::ic().forced_freq_index, 3);
+  EXPECT_EQ(count_logged(1, "skip setting force freq point"), 2);
+  EXPECT_EQ(requested_freq(), 3);
+  EXPECT_EQ(auto_shift_disabled(), 1);
+  EXPECT_TRUE(logged_error(
+      "vendor_force_freq_point",
+      "current: 00 set: FF expec: 00, total 4 frequencies, auto frequency shift is enabled"));
+  EXPECT_TRUE(logged_error(
+      "current: 00 set: 00 expec: 00, total 4 frequencies, auto frequency shift is disabled"));
+
+  // Switching automatic shift on or off sends nothing and does not re-enable
+  // it; only a sense-on does, and it keeps the request: the same point is
+  // pinned again, but nothing past the list (0x101 is not 1).
+  EXPECT_TRUE(vendor_enable_freq_shift(true));
+  EXPECT_TRUE(vendor_enable_freq_shift(false));
+  EXPECT_EQ(auto_shift_disabled(), 1);
+  sim::clear_recording();
+  ASSERT_TRUE(vendor_exit_idle());
+  EXPECT_EQ(auto_shift_disabled(), 0);
+  EXPECT_EQ(requested_freq(), 3);
+  for (uint32_t index : {4u, 0x101u, 3u}) {
+    EXPECT_TRUE(vendor_force_freq_point(index));
+  }
+  EXPECT_EQ(sim::fw_commands(), (commands{{0xA0, 0x03, 0x00}, {0xA0, 0x03, 0x07}}));
+  EXPECT_EQ(count_logged(1, "skip setting force freq point"), 4);
+  EXPECT_EQ(requested_freq(), 3);
+  EXPECT_EQ(auto_shift_disabled(), 1);
+}
+
+TEST_F(IdleCalibTest, AScanRateIsSentOnlyForANewValidLowByte) {
+  // 0x201 is rate 1; then 1 again, the current 0 (never re-sent) and 2 of
+  // two rates.
+  for (uint32_t index : {0x201u, 1u, 0u, 2u}) {
+    EXPECT_TRUE(vendor_force_scan_rate(index));
+  }
+  EXPECT_TRUE(logged_error("vendor_force_scan_rate", "current: 00 set: FF expec: 01"));
+  EXPECT_TRUE(logged_error("current: 00 set: 01 expec: 00"));
+  EXPECT_EQ(sim::fw_commands(), (commands{{0xC0, 0x00, 0x01}}));
+  EXPECT_EQ(sim::ic().forced_rate_index, 1);
+  EXPECT_EQ(count_logged(1, "skip setting force scan rate"), 3);
+  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), 1);
+  EXPECT_EQ(auto_shift_disabled(), 0); // a rate never touches the frequency shift
+}
+
+TEST_F(IdleCalibTest, AFailedCommandLeavesTheRequestUnchanged) {
+  sim::drop_echoes(4);
+  EXPECT_FALSE(vendor_force_freq_point(2));
+  EXPECT_FALSE(vendor_force_scan_rate(1));
+  EXPECT_TRUE(logged_error("vendor_force_freq_point", "Error setting force freq point 2"));
+  EXPECT_TRUE(logged_error("vendor_force_scan_rate", "Error setting force scan rate"));
+  EXPECT_EQ(requested_freq(), WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(work_parm_request[WP_RATE_INDEX].load(), WORK_PARM_NO_REQUEST);
+  EXPECT_EQ(auto_shift_disabled(), 0);
 }
 
 } // namespace

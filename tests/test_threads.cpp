@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,29 +23,18 @@ constexpr uint32_t kKnownStatusBits = KVR_AFE_STATUS_IDLE | KVR_AFE_STATUS_ACTIV
                                       KVR_AFE_STATUS_RECAL_REQUEST;
 
 struct frame_counts {
-  std::atomic<uint64_t> in_working{0};
-  std::atomic<uint64_t> idle{0};
+  std::atomic<uint64_t> in_working{0}, idle{0};
   std::atomic<uint32_t> freqs_seen{0}; // bit i: capability frequency i
   std::atomic<uint32_t> rates_seen{0}; // bit 0: 120 Hz, bit 1: 180 Hz
 };
 
-// What a frame the service gets must look like; empty when it does.
-std::string check_frame(const kvr_frame_data &f, const std::vector<uint16_t> &freqs) {
+// Whether a frame the service gets looks as it must.
+bool good_frame(const kvr_frame_data &f, const std::vector<uint16_t> &freqs) {
   const uint32_t mode = f.status & (KVR_AFE_STATUS_IDLE | KVR_AFE_STATUS_ACTIVE);
-  if ((f.status & ~kKnownStatusBits) != 0 ||
-      (mode != KVR_AFE_STATUS_IDLE && mode != KVR_AFE_STATUS_ACTIVE)) {
-    return "status " + std::to_string(f.status);
-  }
-  if (f.mutual == nullptr || f.self == nullptr) {
-    return "frame without data";
-  }
-  if (f.rate_hz != 120 && f.rate_hz != 180) {
-    return "scan rate " + std::to_string(f.rate_hz);
-  }
-  if (std::find(freqs.begin(), freqs.end(), f.freq_khz) == freqs.end()) {
-    return "frequency " + std::to_string(f.freq_khz) + " kHz not in the capability list";
-  }
-  return "";
+  return (f.status & ~kKnownStatusBits) == 0 &&
+         (mode == KVR_AFE_STATUS_IDLE || mode == KVR_AFE_STATUS_ACTIVE) && f.mutual != nullptr &&
+         f.self != nullptr && (f.rate_hz == 120 || f.rate_hz == 180) &&
+         std::find(freqs.begin(), freqs.end(), f.freq_khz) != freqs.end();
 }
 
 void frame_thread(const std::atomic<bool> &stop, const std::vector<uint16_t> &freqs,
@@ -62,9 +50,9 @@ void frame_thread(const std::atomic<bool> &stop, const std::vector<uint16_t> &fr
     if (frame == &sos_frame_data) {
       continue;
     }
-    const std::string bad = check_frame(*frame, freqs);
-    if (!bad.empty()) {
-      ADD_FAILURE() << "frame " << frame->frame_index << ": " << bad; // gtest is thread-safe
+    if (!good_frame(*frame, freqs)) { // gtest is thread-safe
+      ADD_FAILURE() << "frame " << frame->frame_index << ": status " << frame->status << ", "
+                    << frame->rate_hz << " Hz, " << frame->freq_khz << " kHz";
       continue;
     }
     counts.idle += (frame->status & KVR_AFE_STATUS_IDLE) != 0 ? 1 : 0;
