@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,25 +37,21 @@ TEST(InspectLog, NodeMessagesOfBothChecksParse) {
   const auto min_max =
       tool::parse_node_message(" node[3,12] = -300, Exceeding the limit [-20, 4500]");
   ASSERT_TRUE(min_max);
-  EXPECT_EQ(min_max->force, 3);
-  EXPECT_EQ(min_max->sense, 12);
-  EXPECT_EQ(min_max->value, -300);
+  EXPECT_EQ(std::tie(min_max->force, min_max->sense, min_max->value, min_max->maximum),
+            std::make_tuple(3, 12, -300, 4500));
   EXPECT_EQ(min_max->minimum, -20);
-  EXPECT_EQ(min_max->maximum, 4500);
-
   const auto adj = tool::parse_node_message("Node[0,33] = 151 exceed limit > 150");
   ASSERT_TRUE(adj);
-  EXPECT_EQ(adj->sense, 33);
-  EXPECT_EQ(adj->value, 151);
+  EXPECT_EQ(std::tie(adj->force, adj->sense, adj->value, adj->maximum),
+            std::make_tuple(0, 33, 151, 150));
   EXPECT_FALSE(adj->minimum);
-  EXPECT_EQ(adj->maximum, 150);
-
   EXPECT_FALSE(tool::parse_node_message("Node[0,33] = 151"));
   EXPECT_FALSE(tool::parse_node_message("ITO RAW MIN MAX TEST FAIL"));
 }
 
 // A dead firmware's first attempt is forgotten; CX nodes belong to the check
 // whose verdict follows them, self channels by their one non-zero coordinate.
+// A set-up error stops the run; a reset inside a test does not.
 TEST(InspectLog, RetriesAndCxChecksAttributeNodesToTheRightTest) {
   const inspect_result r = read_log({
       "Production test starting",
@@ -78,30 +75,25 @@ TEST(InspectLog, RetriesAndCxChecksAttributeNodesToTheRightTest) {
   });
   EXPECT_TRUE(r.ran);
   EXPECT_EQ(r.sram.result, verdict::passed);
-  EXPECT_EQ(r.ito.result, verdict::failed);
-  EXPECT_EQ(r.ito.code, 8);
-  EXPECT_EQ(r.ito.retries, 1);
+  EXPECT_EQ(std::tie(r.ito.result, r.ito.code, r.ito.retries),
+            std::make_tuple(verdict::failed, 8, 1));
   ASSERT_EQ(r.ito.nodes.size(), 1u);
   EXPECT_EQ(r.ito.nodes[0].force, 2);
   ASSERT_EQ(r.noise.nodes.size(), 1u);
   EXPECT_EQ(r.noise.code, 4);
   ASSERT_EQ(r.cx.nodes.size(), 3u);
-  EXPECT_EQ(r.cx.nodes[0].kind, node_kind::mutual);
-  EXPECT_EQ(r.cx.nodes[0].check, "Mutual Lowpower Total CX change");
-  EXPECT_EQ(r.cx.nodes[1].kind, node_kind::sense_channel);
-  EXPECT_EQ(r.cx.nodes[1].sense, 6);
-  EXPECT_EQ(r.cx.nodes[1].check, "Self Sense Detect Total IX change");
-  EXPECT_EQ(r.cx.nodes[2].kind, node_kind::force_channel);
-  EXPECT_EQ(r.cx.nodes[2].force, 7);
   EXPECT_EQ(r.cx.code, 128);
-}
+  const auto &cx = r.cx.nodes;
+  EXPECT_EQ(std::tie(cx[0].kind, cx[0].check),
+            std::make_tuple(node_kind::mutual, "Mutual Lowpower Total CX change"));
+  EXPECT_EQ(std::tie(cx[1].kind, cx[1].sense, cx[1].check),
+            std::make_tuple(node_kind::sense_channel, 6, "Self Sense Detect Total IX change"));
+  EXPECT_EQ(std::tie(cx[2].kind, cx[2].force), std::make_tuple(node_kind::force_channel, 7));
 
-TEST(InspectLog, SetupErrorsStopTheRunButTestResetsDoNot) {
   const inspect_result setup = read_log({"Production test starting", "SRAM test passed",
                                          "Clearing FIFO events..", "Error clearing fifo"});
   EXPECT_EQ(setup.setup_error, "Error clearing fifo");
   EXPECT_EQ(setup.ito.result, verdict::not_run);
-
   const inspect_result retry =
       read_log({"Production test starting", "SRAM test passed", "ITO Check Command...",
                 "Error while system resetting", "ITO test failed 1"});
@@ -114,18 +106,10 @@ TEST(InspectLog, SetupErrorsStopTheRunButTestResetsDoNot) {
 TEST(InspectLayout, GridAndLinePositionsMatchTheLibrarysOrientation) {
   constexpr uint32_t kForce = 5;
   constexpr uint32_t kSense = 7;
-  std::vector<int16_t> mutual(kForce * kSense);
-  for (size_t i = 0; i < mutual.size(); ++i) {
-    mutual[i] = static_cast<int16_t>(100 + i);
-  }
-  std::vector<int16_t> force(kForce);
-  std::vector<int16_t> sense(kSense);
-  for (uint32_t i = 0; i < kForce; ++i) {
-    force[i] = static_cast<int16_t>(i);
-  }
-  for (uint32_t i = 0; i < kSense; ++i) {
-    sense[i] = static_cast<int16_t>(50 + i);
-  }
+  std::vector<int16_t> mutual(kForce * kSense), force(kForce), sense(kSense);
+  std::iota(mutual.begin(), mutual.end(), 100);
+  std::iota(force.begin(), force.end(), 0);
+  std::iota(sense.begin(), sense.end(), 50);
   for (int bits = 0; bits < 8; ++bits) {
     const frame_orientation o{(bits & 1) != 0, (bits & 2) != 0, (bits & 4) != 0};
     SCOPED_TRACE("orientation " + std::to_string(bits));
@@ -139,10 +123,8 @@ TEST(InspectLayout, GridAndLinePositionsMatchTheLibrarysOrientation) {
     }
     // The x-line first: force when swapped, sense otherwise.
     std::vector<uint16_t> line(kForce + kSense);
-    uint16_t *force_at = o.swap ? line.data() : line.data() + kSense;
-    uint16_t *sense_at = o.swap ? line.data() + kForce : line.data();
-    reorient_frame(force.data(), force_at, kForce, 1, o);
-    reorient_frame(sense.data(), sense_at, 1, kSense, o);
+    reorient_frame(force.data(), line.data() + (o.swap ? 0 : kSense), kForce, 1, o);
+    reorient_frame(sense.data(), line.data() + (o.swap ? kForce : 0), 1, kSense, o);
     for (uint32_t i = 0; i < kForce; ++i) {
       EXPECT_EQ(line[layout.line_index(node_kind::force_channel, i)], force[i]);
     }
@@ -159,20 +141,6 @@ std::string read_file(const std::filesystem::path &path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
-}
-
-std::vector<std::vector<long>> read_csv(const std::filesystem::path &path) {
-  std::vector<std::vector<long>> rows;
-  std::stringstream in(read_file(path));
-  for (std::string line; std::getline(in, line);) {
-    std::vector<long> row;
-    std::stringstream fields(line);
-    for (std::string field; std::getline(fields, field, ',');) {
-      row.push_back(std::stol(field));
-    }
-    rows.push_back(row);
-  }
-  return rows;
 }
 
 struct report {
@@ -198,32 +166,37 @@ report run_report(const std::string &name, std::vector<std::string> faults) {
   return rep;
 }
 
-// The CSV cell the JSON points at holds the failing node's value.
+// The CSV cell the JSON points at: row and column of the buffer's file.
 long csv_cell(const report &rep, const std::string &buffer, const nlohmann::json &node) {
-  const auto rows = read_csv(rep.dir / (buffer + ".csv"));
-  const size_t r = node.at("output_row");
-  const size_t c = node.at("output_column");
-  EXPECT_LT(r, rows.size());
-  return r < rows.size() && c < rows[r].size() ? rows[r][c] : -1;
+  std::stringstream in(read_file(rep.dir / (buffer + ".csv")));
+  std::string line, field;
+  for (int r = node.at("output_row"); r >= 0 && std::getline(in, line);) {
+    --r;
+  }
+  std::stringstream fields(line);
+  for (int c = node.at("output_column"); c >= 0 && std::getline(fields, field, ',');) {
+    --c;
+  }
+  return std::stol(field);
 }
 
 TEST(InspectReport, NoisyNodeIsInTheJsonTheCsvAndMarkedOnTheHeatmap) {
   const report rep = run_report("noisy", {"noisy"});
   ASSERT_FALSE(rep.summary.is_null());
-  EXPECT_EQ(rep.summary["result_mask"], 0x04);
-  EXPECT_EQ(rep.summary["tests"]["noise"]["verdict"], "failed");
-  EXPECT_EQ(rep.summary["tests"]["ito"]["verdict"], "passed");
-  const auto &nodes = rep.summary["tests"]["noise"]["failing_nodes"];
+  const auto &tests = rep.summary["tests"];
+  EXPECT_EQ(
+      std::tie(rep.summary["result_mask"], tests["noise"]["verdict"], tests["ito"]["verdict"]),
+      std::make_tuple(0x04, "failed", "passed"));
+  const auto &nodes = tests["noise"]["failing_nodes"];
   ASSERT_EQ(nodes.size(), 1u);
-  EXPECT_EQ(nodes[0]["force"], 4);
-  EXPECT_EQ(nodes[0]["sense"], 10);
-  EXPECT_EQ(nodes[0]["max"], 150);
-  EXPECT_GT(nodes[0]["value"].get<int>(), 150);
-  EXPECT_EQ(csv_cell(rep, "noise", nodes[0]), nodes[0]["value"].get<long>());
+  const auto &node = nodes[0];
+  EXPECT_EQ(std::tie(node["force"], node["sense"], node["max"]), std::make_tuple(4, 10, 150));
+  EXPECT_GT(node["value"].get<int>(), 150);
+  EXPECT_EQ(csv_cell(rep, "noise", node), node["value"].get<long>());
   // Only that node is marked in the noise heatmap.
   const tool::result_buffer &noise = rep.result.buffers[2];
   ASSERT_EQ(noise.marked.size(), 1u);
-  EXPECT_EQ(noise.values[noise.marked[0]], nodes[0]["value"].get<int>());
+  EXPECT_EQ(noise.values[noise.marked[0]], node["value"].get<int>());
   for (const char *name : {"grid", "line", "noise", "calib_grid", "calib_line"}) {
     const std::string png = read_file(rep.dir / (std::string(name) + ".png"));
     EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n") << name;
@@ -237,8 +210,7 @@ TEST(InspectReport, CxFailureKeepsTheItoVerdictInTheSummary) {
   ASSERT_FALSE(rep.summary.is_null());
   EXPECT_EQ(rep.summary["result_mask"], 0x80);
   const auto &ito = rep.summary["tests"]["ito"];
-  EXPECT_EQ(ito["verdict"], "failed");
-  EXPECT_EQ(ito["code"], 8);
+  EXPECT_EQ(std::tie(ito["verdict"], ito["code"]), std::make_tuple("failed", 8));
   ASSERT_EQ(ito["failing_nodes"].size(), 16u); // one per force channel of the open sense line
   for (const auto &node : ito["failing_nodes"]) {
     EXPECT_EQ(node["sense"], 5);
@@ -246,8 +218,7 @@ TEST(InspectReport, CxFailureKeepsTheItoVerdictInTheSummary) {
   }
   const auto &cx = rep.summary["tests"]["cx"]["failing_nodes"];
   ASSERT_EQ(cx.size(), 1u);
-  EXPECT_EQ(cx[0]["force"], 2);
-  EXPECT_EQ(cx[0]["sense"], 32);
+  EXPECT_EQ(std::tie(cx[0]["force"], cx[0]["sense"]), std::make_tuple(2, 32));
   EXPECT_GT(cx[0]["value"].get<int>(), cx[0]["max"].get<int>());
   // The calibration grid holds the value after the autotune, not the change.
   EXPECT_GT(csv_cell(rep, "calib_grid", cx[0]), cx[0]["value"].get<long>());
