@@ -125,6 +125,10 @@ TEST_F(InspectStepTest, RawDataTestPassesWithoutFactoryModeAndStopsAtOnceOnItsFi
   EXPECT_TRUE(logged_error("inspect_raw_data", "MUTUAL RAW MIN MAX TEST OK"));
   EXPECT_TRUE(logged_at(3, "inspect_raw_data", "OUT"));
   EXPECT_NE(inspect_grid_data[0], 0u);
+  // Factory mode and scan lock go out as exactly three bytes each.
+  const auto commands = sim::fw_commands();
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), bytes{0xC0, 0x01, 0x02}), 1);
+  EXPECT_EQ(std::count(commands.begin(), commands.end(), bytes{0xA0, 0x03, 0x00}), 1);
 
   const struct {
     bytes unanswered;
@@ -211,6 +215,15 @@ TEST_F(InspectStepTest, SramMismatchAtTheFirstByteStopsBeforeTheFrameMemory) {
         << "frame memory written";
   }
   EXPECT_TRUE(sim::ic().core_held);
+
+  // DRAM passes; a bad frame-memory byte fails the test with its own line.
+  sim::clear_faults();
+  ASSERT_EQ(system_reset(1), 0u);
+  sim::stuck_bit(0x20010040, 0x80, true);
+  clear_log();
+  EXPECT_EQ(inspect_sram(), 64u);
+  EXPECT_TRUE(logged_error("inspect_sram", "Error checking frame memory"));
+  EXPECT_FALSE(mentioned("Error checking DRAM.."));
 }
 
 } // namespace
