@@ -1,12 +1,16 @@
-// The firmware update against the simulated chip: the per-section decision,
-// the bytes of the pre-setup, erase and DMA sequence, what ends up in the
-// chip's flash, the poll waits, and every failure path.
+// The embedded firmware image, its header parser, the bounds check and the
+// flash map description; the firmware update against the simulated chip:
+// the per-section decision, the bytes of the pre-setup, erase and DMA
+// sequence, what ends up in the chip's flash, the poll waits, and every
+// failure path.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "afehal/afehal.h"
@@ -23,17 +27,16 @@ namespace {
 constexpr uint32_t kCodeAt = 64, kCodeLen = 99076, kCfgLen = 3380, kCxLen = 1516;
 constexpr uint32_t kCfgAt = kCodeAt + kCodeLen, kCxAt = kCfgAt + kCfgLen;
 constexpr uint32_t kCxFlash = 118784, kCfgFlash = 126976;
+constexpr const char *kTag = "parse_fw_header_file";
 constexpr int64_t kPollTimeoutUs = 120 * 25000; // 3 s in 25 ms polls
 
 uint32_t be32(const uint8_t *p) {
   return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
-bool is_write(const sim::spi_transfer &t, uint32_t address) {
-  return t.tx.size() >= 6 && t.tx[0] == 0xFA && be32(&t.tx[1]) == address;
-}
-bool is_read(const sim::spi_transfer &t, uint32_t address) {
-  return t.tx.size() >= 5 && t.tx[0] == 0xFB && be32(&t.tx[1]) == address;
+// A register write (0xFA) or read (0xFB) of this address.
+bool is_at(const sim::spi_transfer &t, uint8_t op, uint32_t address) {
+  return t.tx.size() >= 5 && t.tx[0] == op && be32(&t.tx[1]) == address;
 }
 
 // A register access as text: "FA 2000006A 80", "FB 20000071", and staging
@@ -73,7 +76,8 @@ std::vector<std::string> flash_traffic() {
 
 size_t count_reads(uint32_t address) {
   const auto all = sim::spi_transfers();
-  return std::count_if(all.begin(), all.end(), [&](const auto &t) { return is_read(t, address); });
+  return std::count_if(all.begin(), all.end(),
+                       [&](const auto &t) { return is_at(t, 0xFB, address); });
 }
 
 std::vector<int> page_range(int first, int count) {
@@ -106,6 +110,221 @@ bool in_order(const std::vector<std::string> &lines, const std::vector<std::stri
 
 sim::chip_identity chip_with(uint16_t fw, uint16_t cfg, uint16_t cx) {
   return {.fw_ver = fw, .cfg_ver = cfg, .cx_cfg_ver = cx};
+}
+
+std::vector<uint8_t> embedded() {
+  return {myArray, myArray + myArray_size};
+}
+
+void put_le(std::vector<uint8_t> &image, size_t offset, uint32_t value, int bytes = 4) {
+  for (int i = 0; i < bytes; ++i) {
+    image[offset + i] = static_cast<uint8_t>(value >> (8 * i));
+  }
+}
+
+// A parsed record whose section buffers are released when the test ends.
+struct parsed {
+  fw_file_info rec{};
+  uint32_t result;
+  explicit parsed(const std::vector<uint8_t> &image)
+      : result(parse_fw_header_file(&rec, image.data())) {}
+  ~parsed() { clean_fw_file_info(&rec); }
+  std::vector<int> pages() const {
+    return {rec.fw_pages, rec.gap_pages, rec.cx_pages, rec.cfg_pages};
+  }
+};
+
+bool same_bytes(const uint8_t *a, const std::vector<uint8_t> &image, size_t offset, size_t len) {
+  return a != nullptr && memcmp(a, image.data() + offset, len) == 0;
+}
+
+using FwImageTest = SimTest;
+
+TEST_F(FwImageTest, EachFieldComesFromItsOwnOffsetIntoOwnedSections) {
+  std::vector<uint8_t> img = embedded();
+  // Bytes no field owns, scribbled over.
+  for (const auto &[from, to] : std::vector<std::pair<size_t, size_t>>{
+           {10, 16}, {18, 20}, {22, 24}, {26, 36}, {56, 64}, {kCxAt + kCxLen, img.size()}}) {
+    memset(img.data() + from, 0xEE, to - from);
+  }
+  put_le(img, 16, 0xA1B2, 2);
+  put_le(img, 20, 0xC3D4, 2);
+  put_le(img, 24, 0xE5F6, 2);
+  put_le(img, 36, 0x04030201);
+  put_le(img, 40, 0x08070605);
+  put_le(img, kCxAt + 20, 0x9A8B, 2);
+  put_le(img, 280, 0xFF030005); // geometry: code 5, gap default 1, cx 3, config 255
+  parsed p(img);
+  ASSERT_EQ(p.result, 0u);
+  EXPECT_EQ(p.rec.fw_ver, 0xA1B2);
+  EXPECT_EQ(p.rec.cfg_id, 0xC3D4);
+  EXPECT_EQ(p.rec.cfg_ver, 0xE5F6);
+  EXPECT_EQ(p.rec.cx_ver, 0x9A8B);
+  EXPECT_EQ(std::vector<uint8_t>(p.rec.ext_release, p.rec.ext_release + 8),
+            (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(p.pages(), (std::vector<int>{5, 1, 3, 255}));
+  EXPECT_TRUE(same_bytes(p.rec.fw_data, img, kCodeAt, kCodeLen));
+  EXPECT_TRUE(same_bytes(p.rec.cfg_data, img, kCfgAt, kCfgLen));
+  EXPECT_TRUE(same_bytes(p.rec.cx_data, img, kCxAt, kCxLen));
+  EXPECT_EQ((std::vector<size_t>{p.rec.fw_size, p.rec.cfg_size, p.rec.cx_size}),
+            (std::vector<size_t>{kCodeLen, kCfgLen, kCxLen}));
+
+  // Progress at level 3; the external release through the plain logger.
+  EXPECT_EQ(count_logged_starting(3, ""), 10);
+  EXPECT_EQ(joined(log_messages()),
+            "FW signature OK|Fw binary version OK|HW Chip Id: 0x3648|FW version: 0xA1B2|"
+            "config id: 0xC3D4|config version: 0xE5F6|external release: |01 |02 |03 |04 |05 |06 |"
+            "07 |08 |\n|fw data length: 99076 bytes|fw config data length: 3380 bytes|"
+            "cx data length: 1516 bytes|cx version: 0x9A8B|");
+
+  clean_fw_file_info(&p.rec);
+  EXPECT_TRUE(!p.rec.fw_data && !p.rec.cfg_data && !p.rec.cx_data);
+  clean_fw_file_info(nullptr); // nothing to free
+}
+
+TEST_F(FwImageTest, HeaderFaultsRejectOrOnlyWarn) {
+  // Offset, value and its width; the result, the error, everything logged
+  // up to the error and the line after it.
+  const std::tuple<size_t, uint32_t, int, uint32_t, const char *, const char *> cases[] = {
+      {0, 0x55AA55AA, 4, 1, "Wrong FW header signature", "Wrong FW header signature|"},
+      {4, 2, 4, 1, "Wrong FW QLB version", "FW signature OK|Wrong FW QLB version|"},
+      {8, '7', 1, 0, "Wrong Hardware Chip ID", "|Wrong Hardware Chip ID|HW Chip Id: 0x3748|"},
+      {9, 'I', 1, 0, "Wrong Hardware Chip ID", "|Wrong Hardware Chip ID|HW Chip Id: 0x3649|"},
+  };
+  for (const auto &[offset, value, width, result, error, log] : cases) {
+    SCOPED_TRACE(error);
+    clear_log();
+    std::vector<uint8_t> img = embedded();
+    put_le(img, offset, value, width);
+    fw_file_info rec;
+    memset(&rec, 0x5A, sizeof rec);
+    EXPECT_EQ(parse_fw_header_file(&rec, img.data()), result);
+    EXPECT_TRUE(logged_error(kTag, error));
+    EXPECT_NE(joined(log_messages()).find(log), std::string::npos) << joined(log_messages());
+    EXPECT_EQ(android_errors().size(), 1u);
+    if (result == 0) {
+      EXPECT_EQ(rec.fw_ver, 0x0084); // the parse went on
+      clean_fw_file_info(&rec);
+      continue;
+    }
+    // A rejected header allocates nothing and leaves the rest as it was.
+    EXPECT_EQ(sim::heap_live_blocks(), heap_at_start_);
+    EXPECT_TRUE(!rec.fw_data && !rec.cfg_data && !rec.cx_data && rec.cx_ver == 0);
+    EXPECT_EQ(rec.fw_ver, 0x5A5A);
+    EXPECT_EQ(rec.fw_size, 0x5A5A5A5Au);
+  }
+}
+
+TEST_F(FwImageTest, SectionLengthsPlaceTheSectionsAndZeroMeansNone) {
+  // Code, config and cx lengths; whether the cx section holds bytes 20-21.
+  const std::tuple<uint32_t, uint32_t, uint32_t, bool> cases[] = {{kCodeLen, kCfgLen, 0, false},
+                                                                  {0, kCfgLen, kCxLen, true},
+                                                                  {kCodeLen, 0, 22, true},
+                                                                  {kCodeLen, 0, 21, false}};
+  for (const auto &[code, cfg, cx, has_version] : cases) {
+    SCOPED_TRACE(std::to_string(code) + "/" + std::to_string(cfg) + "/" + std::to_string(cx));
+    clear_log();
+    std::vector<uint8_t> img = embedded();
+    put_le(img, 44, code);
+    put_le(img, 48, cfg);
+    put_le(img, 52, cx);
+    parsed p(img);
+    ASSERT_EQ(p.result, 0u);
+    // An empty section has no buffer; the others hold their own bytes.
+    EXPECT_EQ(same_bytes(p.rec.fw_data, img, kCodeAt, code), code != 0);
+    EXPECT_EQ(same_bytes(p.rec.cfg_data, img, kCodeAt + code, cfg), cfg != 0);
+    EXPECT_EQ(same_bytes(p.rec.cx_data, img, kCodeAt + code + cfg, cx), cx != 0);
+    const uint8_t *version = img.data() + kCodeAt + code + cfg + 20;
+    EXPECT_EQ(p.rec.cx_ver, has_version ? version[0] | version[1] << 8 : 0);
+    EXPECT_EQ(count_logged_starting(3, "cx version: "), has_version ? 1 : 0);
+  }
+  std::vector<uint8_t> img = embedded();
+  put_le(img, 280, 0);
+  EXPECT_EQ(parsed(img).pages(), (std::vector<int>{28, 1, 2, 1}));
+}
+
+TEST_F(FwImageTest, AllocationFailureKeepsEarlierSectionsForTheCaller) {
+  const std::vector<uint8_t> img = embedded();
+  for (int nth = 1; nth <= 3; ++nth) {
+    SCOPED_TRACE(nth);
+    clear_log();
+    sim::fail_allocation(nth);
+    parsed p(img);
+    sim::fail_allocation(0);
+    EXPECT_EQ(p.result, 2u);
+    EXPECT_TRUE(logged_error(kTag, "Error allocating memory"));
+    EXPECT_EQ(p.rec.fw_data != nullptr, nth > 1);
+    EXPECT_EQ(p.rec.cfg_data != nullptr, nth > 2);
+    EXPECT_EQ(p.rec.cx_data, nullptr);
+    EXPECT_FALSE(mentioned("cx version: 0x0011"));
+  }
+}
+
+TEST_F(FwImageTest, CheckAcceptsWhatFitsAndGivesTheReasonOtherwise) {
+  const auto check = [](size_t size, const std::vector<std::pair<size_t, uint32_t>> &writes,
+                        const char *expected) {
+    SCOPED_TRACE(expected);
+    std::vector<uint8_t> img = embedded();
+    for (const auto &[offset, value] : writes) {
+      put_le(img, offset, value);
+    }
+    char reason[160];
+    EXPECT_EQ(fw_image_check(img.data(), size, reason, sizeof reason),
+              std::string(expected) == "ok" ? 0u : 1u);
+    EXPECT_STREQ(reason, expected);
+  };
+  const size_t n = myArray_size;
+  check(n, {}, "ok");
+  check(63, {}, "image of 63 bytes is shorter than its 64-byte header");
+  check(64, {}, "code section of 99076 bytes at offset 64 runs past the end of the 64-byte image");
+  check(n, {{0, 0x55AA55AA}}, "wrong signature 0x55AA55AA, expected 0xAA55AA55");
+  check(n, {{4, 2}}, "wrong format version 2, expected 1");
+  // The sum of the lengths must not wrap.
+  check(n, {{48, 0xFFFFFFF0}},
+        "config section of 4294967280 bytes at offset 99140 runs past the end of the 104040-byte "
+        "image");
+  check(n, {{52, static_cast<uint32_t>(n - kCxAt + 1)}},
+        "cx section of 1521 bytes at offset 102520 runs past the end of the 104040-byte image");
+  // The geometry bytes are the last four of a header and 220 code bytes.
+  check(284, {{44, 220}, {48, 0}, {52, 0}}, "ok");
+  check(283, {{44, 219}, {48, 0}, {52, 0}},
+        "flash geometry bytes at offsets 280-283 lie past the end of the 283-byte image");
+  EXPECT_EQ(fw_image_check(nullptr, n, nullptr, 0), 1u);
+  // A short reason buffer is cut and still terminated.
+  char reason[9];
+  memset(reason, 'x', sizeof reason);
+  EXPECT_EQ(fw_image_check(myArray, 10, reason, sizeof reason), 1u);
+  EXPECT_STREQ(reason, "image of");
+}
+
+TEST_F(FwImageTest, FlashMapShowsPagesOffsetsAndWhatDoesNotFit) {
+  parsed p(embedded());
+  char text[512];
+  const size_t needed = fw_format_flash_map(p.rec, text, sizeof text);
+  EXPECT_EQ(needed, strlen(text));
+  EXPECT_STREQ(text, "code    pages   0-27   offset 0x00000 (     0)   99076 bytes\n"
+                     "gap     pages  28-28   offset 0x1C000 (114688)       0 bytes\n"
+                     "cx      pages  29-30   offset 0x1D000 (118784)    1516 bytes\n"
+                     "config  pages  31-31   offset 0x1F000 (126976)    3380 bytes\n");
+  // Too small a buffer, or none, still gets the full length reported.
+  char small[20];
+  EXPECT_EQ(fw_format_flash_map(p.rec, small, sizeof small), needed);
+  EXPECT_EQ(strlen(small), sizeof small - 1);
+  EXPECT_EQ(fw_format_flash_map(p.rec, nullptr, 0), needed);
+
+  // Exactly full pages fit; one byte more does not. No gap moves cx up.
+  fw_file_info shrunk = p.rec;
+  shrunk.fw_pages = 24;
+  shrunk.gap_pages = 0;
+  shrunk.cx_size = 2 * 4096;
+  shrunk.cfg_size = 4097;
+  fw_format_flash_map(shrunk, text, sizeof text);
+  EXPECT_STREQ(text, "code    pages   0-23   offset 0x00000 (     0)   99076 bytes  (larger than "
+                     "its pages)\n"
+                     "gap     pages none  offset 0x18000 ( 98304)       0 bytes\n"
+                     "cx      pages  24-25   offset 0x18000 ( 98304)    8192 bytes\n"
+                     "config  pages  26-26   offset 0x1A000 (106496)    4097 bytes  (larger than "
+                     "its pages)\n");
 }
 
 // The single-byte writes of the pre-setup, in order, with the message of
@@ -224,37 +443,33 @@ TEST_F(FwUpdateTest, FullUpdateOnTheWireInFlashAndInTheLog) {
 }
 
 TEST_F(FwUpdateTest, DecisionIsPerSectionAndByInequality) {
-  struct decision {
-    const char *what;
-    sim::chip_identity chip;
-    bool fail_first_read; // leaves the chip info record cleared
-    bool code, cx, cfg;   // the sections written
-  };
-  const decision cases[] = {
+  // A failed first read leaves the chip info record cleared; then the
+  // sections written.
+  const std::tuple<const char *, sim::chip_identity, bool, bool, bool, bool> cases[] = {
       {"all match", chip_with(0x0084, 0x0051, 0x0011), false, false, false, false},
       {"only cx differs", chip_with(0x0084, 0x0051, 0x0010), false, false, true, false},
       {"only config differs", chip_with(0x0084, 0x0052, 0x0011), false, false, false, true},
       {"newer fw on the chip", chip_with(0x0090, 0x0051, 0x0011), false, true, false, false},
       {"failed read writes everything", chip_with(0x0084, 0x0051, 0x0011), true, true, true, true},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    fresh_chip(c.chip);
-    if (c.fail_first_read) {
+  for (const auto &[what, chip, fail_first_read, code, cx, cfg] : cases) {
+    SCOPED_TRACE(what);
+    fresh_chip(chip);
+    if (fail_first_read) {
       sim::fail_spi_transfer(1, EIO);
     }
     EXPECT_EQ(vendor_afe_upgrade_fw(), 0u);
-    std::vector<int> pages = c.code ? page_range(0, 28) : std::vector<int>{};
-    if (c.cx) {
+    std::vector<int> pages = code ? page_range(0, 28) : std::vector<int>{};
+    if (cx) {
       pages.insert(pages.end(), {29, 30});
     }
-    if (c.cfg) {
+    if (cfg) {
       pages.push_back(31);
     }
     EXPECT_EQ(sim::erased_pages(), pages);
-    EXPECT_EQ(sim::dma_transfers().size(), (c.code ? 4u : 0u) + c.cx + c.cfg);
-    EXPECT_EQ(mentioned("Unable to read the sys info.."), c.fail_first_read);
-    const bool any = c.code || c.cx || c.cfg;
+    EXPECT_EQ(sim::dma_transfers().size(), (code ? 4u : 0u) + cx + cfg);
+    EXPECT_EQ(mentioned("Unable to read the sys info.."), fail_first_read);
+    const bool any = code || cx || cfg;
     EXPECT_EQ(flash_traffic().empty(), !any); // a matching chip is not even reset
     EXPECT_TRUE(logged_error("fw_update", any ? "Flash completed successfully"
                                               : "FW in the chip matches with the file.. No need "
@@ -265,70 +480,63 @@ TEST_F(FwUpdateTest, DecisionIsPerSectionAndByInequality) {
 }
 
 TEST_F(FwUpdateTest, PollsEvery25msForAtMost3s) {
-  struct poll_case {
-    const char *what;
-    std::function<void()> set_up;
-    std::function<uint32_t()> run;
-    uint32_t status_at;
-    uint32_t result;
-    size_t reads;
-    int64_t slept_us;
-    const char *done; // the level-3 line at the end, or ""
-  };
   static const uint8_t data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
   const auto erase = [] { return flash_erase_pages(5, 1); };
   const auto program = [] { return fill_flash(0, data, sizeof data); };
-  const poll_case cases[] = {
-      {"erase done at once", [] { sim::set_erase_busy_ms(0); }, erase, 0x2000006A, 0, 1, 0,
-       "Flash erase done in 0.00 ms"},
-      {"erase busy 30 ms", [] {}, erase, 0x2000006A, 0, 3, 50000, "Flash erase done in 50.00 ms"},
-      {"erase stuck", [] { sim::erase_stuck(true); }, erase, 0x2000006A, 3, 120, kPollTimeoutUs,
-       ""},
-      {"dma busy 10 ms", [] {}, program, 0x20000071, 0, 2, 25000, "Flash dma done in 25.00 ms"},
-      {"dma stuck", [] { sim::dma_stuck(true); }, program, 0x20000071, 3, 120, kPollTimeoutUs, ""},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
+  // Set-up, the call, the status register it polls, result, status reads,
+  // time slept, the level-3 line at the end (or "").
+  const std::tuple<const char *, std::function<void()>, std::function<uint32_t()>, uint32_t,
+                   uint32_t, size_t, int64_t, const char *>
+      cases[] = {
+          {"erase done at once", [] { sim::set_erase_busy_ms(0); }, erase, 0x2000006A, 0, 1, 0,
+           "Flash erase done in 0.00 ms"},
+          {"erase busy 30 ms", [] {}, erase, 0x2000006A, 0, 3, 50000,
+           "Flash erase done in 50.00 ms"},
+          {"erase stuck", [] { sim::erase_stuck(true); }, erase, 0x2000006A, 3, 120, kPollTimeoutUs,
+           ""},
+          {"dma busy 10 ms", [] {}, program, 0x20000071, 0, 2, 25000, "Flash dma done in 25.00 ms"},
+          {"dma stuck", [] { sim::dma_stuck(true); }, program, 0x20000071, 3, 120, kPollTimeoutUs,
+           ""},
+      };
+  for (const auto &[what, set_up, run, status_at, result, reads, slept_us, done] : cases) {
+    SCOPED_TRACE(what);
     fresh_chip({});
     const int64_t before = sim::slept_us();
     ASSERT_EQ(flash_pre_setup(), 0u);
     EXPECT_EQ(sim::slept_us() - before, 101000); // plain reset settles 100 ms, 1 ms pause
-    c.set_up();
+    set_up();
     sim::clear_recording();
     clear_log();
     const int64_t slept = sim::slept_us();
-    EXPECT_EQ(c.run(), c.result);
-    EXPECT_EQ(sim::slept_us() - slept, c.slept_us);
-    EXPECT_EQ(count_reads(c.status_at), c.reads);
+    EXPECT_EQ(run(), result);
+    EXPECT_EQ(sim::slept_us() - slept, slept_us);
+    EXPECT_EQ(count_reads(status_at), reads);
     // Only the erase logs each status it reads; the last carries the page.
-    const bool erase_poll = c.status_at == 0x2000006A;
-    EXPECT_EQ(count_logged_starting(3, "status "), erase_poll ? static_cast<int>(c.reads) : 0);
-    EXPECT_EQ(count_logged(3, "status 5 "), erase_poll && c.result == 0 ? 1 : 0);
-    EXPECT_EQ(count_logged(3, c.done), *c.done != 0 ? 1 : 0);
-    EXPECT_EQ(count_logged_starting(3, "Flash "), *c.done != 0 ? 1 : 0);
+    const bool erase_poll = status_at == 0x2000006A;
+    EXPECT_EQ(count_logged_starting(3, "status "), erase_poll ? static_cast<int>(reads) : 0);
+    EXPECT_EQ(count_logged(3, "status 5 "), erase_poll && result == 0 ? 1 : 0);
+    EXPECT_EQ(count_logged(3, done), *done != 0 ? 1 : 0);
+    EXPECT_EQ(count_logged_starting(3, "Flash "), *done != 0 ? 1 : 0);
   }
 }
 
 TEST_F(FwUpdateTest, DmaDescriptorCarriesWordAddressAndWordCountLessOne) {
-  struct descriptor_case {
-    uint32_t offset, length;
-    const char *descriptor; // the 7 bytes at 0x20000072
-  };
-  const descriptor_case cases[] = {
+  // Offset, length, the 7 bytes at 0x20000072.
+  const std::tuple<uint32_t, uint32_t, const char *> cases[] = {
       {0xFFFC, 0x404, "00 00 FF 3F 00 01 00"},
       {0x1000, 4, "00 00 00 04 00 00 00"},
       {0x1000, 7, "00 00 00 04 00 00 00"}, // trailing bytes staged, not programmed
       {0x1D000, 3, "00 00 00 74 FF FF 00"},
   };
   std::vector<uint8_t> zeros(4096, 0x00);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.length);
+  for (const auto &[offset, length, descriptor] : cases) {
+    SCOPED_TRACE(length);
     fresh_chip({});
     ASSERT_EQ(flash_pre_setup(), 0u);
     sim::clear_recording();
-    ASSERT_EQ(fill_flash(c.offset, zeros.data(), c.length), 0u);
-    EXPECT_EQ(flash_traffic(), (std::vector<std::string>{"FA 00100000 +" + std::to_string(c.length),
-                                                         std::string("FA 20000072 ") + c.descriptor,
+    ASSERT_EQ(fill_flash(offset, zeros.data(), length), 0u);
+    EXPECT_EQ(flash_traffic(), (std::vector<std::string>{"FA 00100000 +" + std::to_string(length),
+                                                         std::string("FA 20000072 ") + descriptor,
                                                          "FA 2000006B 00 40 42 0F 00 00 C0",
                                                          "FB 20000071", "FB 20000071"}));
   }
@@ -339,13 +547,16 @@ TEST_F(FwUpdateTest, FailedTransferStopsTheUpdateWithItsMessage) {
   // code differs; the stage it fails in decides the messages.
   using matcher = std::function<bool(const sim::spi_transfer &)>;
   const auto wr = [](uint32_t address, uint8_t value) -> matcher {
-    return [=](const sim::spi_transfer &t) { return is_write(t, address) && t.tx[5] == value; };
+    return [=](const sim::spi_transfer &t) {
+      return is_at(t, 0xFA, address) && t.tx.size() > 5 && t.tx[5] == value;
+    };
   };
   const auto rd = [](uint32_t address, size_t min_size = 0) -> matcher {
-    return
-        [=](const sim::spi_transfer &t) { return is_read(t, address) && t.tx.size() > min_size; };
+    return [=](const sim::spi_transfer &t) {
+      return is_at(t, 0xFB, address) && t.tx.size() > min_size;
+    };
   };
-  const matcher staged = [](const sim::spi_transfer &t) { return is_write(t, 0x00100000); };
+  const matcher staged = [](const sim::spi_transfer &t) { return is_at(t, 0xFA, 0x00100000); };
   enum stage { presetup, erase, program, reset, reread };
   const std::vector<std::string> said[] = {
       {"Error in flash pre setup..", "Unable to flash the fw.."},
@@ -420,43 +631,39 @@ TEST_F(FwUpdateTest, FailedTransferStopsTheUpdateWithItsMessage) {
 }
 
 TEST_F(FwUpdateTest, AfterFlashingPanelInitAndStaleVersionsAreOnlyReported) {
-  struct after_case {
-    const char *what;
-    sim::chip_identity chip;
-    bool versions_stick, echo_lost;
-    const char *verdict;
-    bool panel_init_sent;
-    uint8_t panel_cfg_after;
-  };
   sim::chip_identity behind = chip_with(0x0080, 0x0051, 0x0011);
   behind.panel_cfg = 0x00; // behind the afe version of the config
-  const after_case cases[] = {
-      {"stale fw", chip_with(0x0080, 0x0051, 0x0011), true, false,
-       "FW not updated correctly after flashing", false, 0x01},
-      {"stale config", chip_with(0x0084, 0x0050, 0x0011), true, false,
-       "FW not updated correctly after flashing", false, 0x01},
-      {"stale cx is not checked", chip_with(0x0084, 0x0051, 0x0010), true, false,
-       "Flash completed successfully", false, 0x01},
-      {"panel init", behind, false, false, "Flash completed successfully", true, 0x01},
-      {"panel init lost", behind, false, true, "Flash completed successfully", true, 0x00},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    fresh_chip(c.chip);
-    sim::versions_stick(c.versions_stick);
-    if (c.echo_lost) {
+  // The chip, whether its versions stick and the panel init echo is lost;
+  // the verdict, whether panel init is sent, the panel config after.
+  const std::tuple<const char *, sim::chip_identity, bool, bool, const char *, bool, uint8_t>
+      cases[] = {
+          {"stale fw", chip_with(0x0080, 0x0051, 0x0011), true, false,
+           "FW not updated correctly after flashing", false, 0x01},
+          {"stale config", chip_with(0x0084, 0x0050, 0x0011), true, false,
+           "FW not updated correctly after flashing", false, 0x01},
+          {"stale cx is not checked", chip_with(0x0084, 0x0051, 0x0010), true, false,
+           "Flash completed successfully", false, 0x01},
+          {"panel init", behind, false, false, "Flash completed successfully", true, 0x01},
+          {"panel init lost", behind, false, true, "Flash completed successfully", true, 0x00},
+      };
+  for (const auto &[what, chip, versions_stick, echo_lost, verdict, panel_init, panel_cfg] :
+       cases) {
+    SCOPED_TRACE(what);
+    fresh_chip(chip);
+    sim::versions_stick(versions_stick);
+    if (echo_lost) {
       sim::drop_echoes(-1);
     }
     const auto clean = sim::slept_us();
     EXPECT_EQ(vendor_afe_upgrade_fw(), 0u);
-    EXPECT_TRUE(logged_error("fw_update", c.verdict));
-    EXPECT_EQ(mentioned("Panel Init.."), c.panel_init_sent);
+    EXPECT_TRUE(logged_error("fw_update", verdict));
+    EXPECT_EQ(mentioned("Panel Init.."), panel_init);
     const auto commands = sim::fw_commands();
     EXPECT_EQ(std::count(commands.begin(), commands.end(), std::vector<uint8_t>{0xA4, 0x00, 0x02}),
-              c.panel_init_sent ? (c.echo_lost ? 2 : 1) : 0); // one retry
-    EXPECT_EQ(info.panel_cfg, c.panel_cfg_after);
-    EXPECT_EQ(mentioned("Unable to do panel init..."), c.echo_lost);
-    if (c.echo_lost) {
+              panel_init ? (echo_lost ? 2 : 1) : 0); // one retry
+    EXPECT_EQ(info.panel_cfg, panel_cfg);
+    EXPECT_EQ(mentioned("Unable to do panel init..."), echo_lost);
+    if (echo_lost) {
       // Two attempts that each wait 3 s for the echo.
       EXPECT_GE(sim::slept_us() - clean, 2 * 3000000 + 100000);
       EXPECT_LT(sim::slept_us() - clean, 2 * 3100000 + 3000000);
