@@ -10,7 +10,6 @@ set(CPACK_PACKAGE_NAME afehal)
 set(CPACK_PACKAGE_VENDOR "libafehal developers")
 set(CPACK_PACKAGE_CONTACT "libafehal developers <afehal@localhost>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "host-side analog front end of a capacitive touch panel")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime development)
@@ -24,10 +23,13 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # Package dependencies between components carry the exact version.
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+# libafehal1 declares its SONAME (shlibs), so packages built against it
+# depend on libafehal1 (>= the version they were built with).
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libafehal1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "host-side analog front end of a capacitive touch panel
 The library a touch service loads to drive the touch IC through the
 kernel driver's device node: lifecycle, raw capacitance frames, scan
