@@ -25,6 +25,11 @@ fail() {
   echo "test-install: FAIL: $*" >&2
   exit 1
 }
+# quiet command...: runs it, showing its output only when it fails.
+quiet() {
+  local out
+  out=$("$@" 2>&1) || fail "$* failed:"$'\n'"$out"
+}
 # expect_failure "what" "text the output must hold" command...
 expect_failure() {
   local what=$1 wanted=$2 out
@@ -38,21 +43,22 @@ expect_failure() {
 # The real file a consumer's report line "consumer: libafehal 1.19 from PATH"
 # names.
 loaded_file() { readlink -f "$(sed -n 's/^consumer: libafehal [0-9.]* from //p' <<<"$1")"; }
-# Runs a consumer; the library's Android log copies (its error lines on
-# stderr here) go to a file.
-consumer() { "$@" 2>>"$work/consumer-stderr.log"; }
+# expect_loaded FILE command...: runs a consumer, which must load FILE. The
+# library's Android log copies (its error lines on stderr here) go to a file.
 expect_loaded() {
-  local out=$1 wanted=$2
+  local wanted=$1 out
+  shift
+  out=$("$@" 2>>"$work/consumer-stderr.log") ||
+    fail "$* failed:"$'\n'"$(tail -n 5 "$work/consumer-stderr.log")"
   [ "$(loaded_file "$out")" = "$(readlink -f "$wanted")" ] ||
-    fail "consumer loaded $(loaded_file "$out"), not $wanted"
+    fail "$* loaded $(loaded_file "$out"), not $wanted"
   echo "$out ($(basename "$(loaded_file "$out")"))"
 }
-
 rm -rf "$work"/consumer-* "$work/consumer-stderr.log"
 
 step "Build (prefix /usr, tool and man page, no tests)"
-cmake -S . -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-  -DAFEHAL_TESTS=OFF -DAFEHAL_BENCH=OFF -DAFEHAL_TOOLS=ON >/dev/null
+quiet cmake -S . -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+  -DAFEHAL_TESTS=OFF -DAFEHAL_BENCH=OFF -DAFEHAL_TOOLS=ON
 cmake --build "$work/build" -j "$jobs"
 
 step "Android.bp against CMake"
@@ -65,9 +71,10 @@ expect_failure "Android.bp without afe/frame.cpp" "afe/frame.cpp: in CMake sourc
 step "cmake --install into a staging prefix"
 stage=$work/stage
 rm -rf "$stage"
-cmake --install "$work/build" --prefix "$stage" >/dev/null
-libdir=$(dirname "$(find "$stage" -name 'libafehal.so.1' -print -quit)")
-[ -d "$libdir" ] || fail "no libafehal.so.1 installed"
+quiet cmake --install "$work/build" --prefix "$stage"
+soname_link=$(find "$stage" -name 'libafehal.so.1' -print -quit)
+[ -n "$soname_link" ] || fail "no libafehal.so.1 installed"
+libdir=$(dirname "$soname_link")
 for f in include/afehal/afehal.h bin/afehal-tool share/man/man1/afehal-tool.1.gz; do
   [ -f "$stage/$f" ] || fail "$f not installed"
 done
@@ -89,12 +96,12 @@ done
 echo "installed: SONAME $soname, $(cd "$stage" && find . -type f -o -type l | sort | tr '\n' ' ')"
 
 step "Consumer built with find_package(afehal 1.19 CONFIG)"
-cmake -S tests/consumer -B "$work/consumer-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
-cmake --build "$work/consumer-cmake" >/dev/null
-expect_loaded "$(consumer "$work/consumer-cmake/consumer")" "$libdir/libafehal.so.$version"
+quiet cmake -S tests/consumer -B "$work/consumer-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$stage"
+quiet cmake --build "$work/consumer-cmake"
+expect_loaded "$libdir/libafehal.so.$version" "$work/consumer-cmake/consumer"
 for name in libafehal.so libafehal.so.1; do
-  expect_loaded "$(LD_LIBRARY_PATH=$libdir consumer "$work/consumer-cmake/consumer_dlopen" dlopen $name)" \
-    "$libdir/libafehal.so.$version"
+  expect_loaded "$libdir/libafehal.so.$version" \
+    env LD_LIBRARY_PATH="$libdir" "$work/consumer-cmake/consumer_dlopen" dlopen $name
 done
 
 step "Consumer built with pkg-config"
@@ -106,9 +113,9 @@ cc -o "$work/consumer-pc/consumer" tests/consumer/consumer.c $(pkg-config --cfla
 # shellcheck disable=SC2046
 cc -o "$work/consumer-pc/consumer_dlopen" -DAFEHAL_CONSUMER_DLOPEN_ONLY tests/consumer/consumer.c \
   $(pkg-config --cflags afehal) -ldl
-expect_loaded "$(LD_LIBRARY_PATH=$libdir consumer "$work/consumer-pc/consumer")" "$libdir/libafehal.so.$version"
-expect_loaded "$(LD_LIBRARY_PATH=$libdir consumer "$work/consumer-pc/consumer_dlopen" dlopen libafehal.so)" \
-  "$libdir/libafehal.so.$version"
+expect_loaded "$libdir/libafehal.so.$version" env LD_LIBRARY_PATH="$libdir" "$work/consumer-pc/consumer"
+expect_loaded "$libdir/libafehal.so.$version" \
+  env LD_LIBRARY_PATH="$libdir" "$work/consumer-pc/consumer_dlopen" dlopen libafehal.so
 # The dlopen build must not have linked the library: it loads it itself.
 if readelf -d "$work/consumer-pc/consumer_dlopen" | grep -q 'NEEDED.*libafehal'; then
   fail "consumer_dlopen is linked against libafehal"
@@ -120,8 +127,8 @@ expect_failure "find_package(afehal 2.0)" \
   cmake -S tests/consumer -B "$work/consumer-2.0" -DCMAKE_PREFIX_PATH="$stage" -DAFEHAL_WANTED=2.0
 expect_failure "find_package(afehal 1.20)" "afehal-config.cmake, version: $version" \
   cmake -S tests/consumer -B "$work/consumer-1.20" -DCMAKE_PREFIX_PATH="$stage" -DAFEHAL_WANTED=1.20
-cmake -S tests/consumer -B "$work/consumer-1.0" -DCMAKE_PREFIX_PATH="$stage" -DAFEHAL_WANTED=1.0 >/dev/null ||
-  fail "find_package(afehal 1.0) refused $version"
+# An older minor version is accepted.
+quiet cmake -S tests/consumer -B "$work/consumer-1.0" -DCMAKE_PREFIX_PATH="$stage" -DAFEHAL_WANTED=1.0
 if pkg-config --atleast-version=2.0 afehal; then fail "pkg-config --atleast-version=2.0 succeeded"; fi
 pkg-config --atleast-version=1.19 afehal || fail "pkg-config --atleast-version=1.19 failed"
 expect_failure "pkg-config afehal >= 2.0" "Package 'afehal' has version '$version', required version is '>= 2.0'" \
@@ -138,25 +145,25 @@ ln -sfn libafehal.so.1.18.0 "$old_libdir/libafehal.so.1"
 sed -i "s/$version/1.18.0/g" "$old_libdir"/cmake/afehal/*.cmake "$old_libdir/pkgconfig/afehal.pc"
 expect_failure "find_package(afehal 1.19) against 1.18.0" "version: 1.18.0" \
   cmake -S tests/consumer -B "$work/consumer-older-1.19" -DCMAKE_PREFIX_PATH="$old"
-cmake -S tests/consumer -B "$work/consumer-older" -G Ninja -DCMAKE_PREFIX_PATH="$old" \
-  -DAFEHAL_WANTED=1.18 >/dev/null
-cmake --build "$work/consumer-older" >/dev/null
-expect_loaded "$(consumer "$work/consumer-older/consumer")" "$old_libdir/libafehal.so.1.18.0"
-cmake --install "$work/build" --prefix "$old" >/dev/null
+quiet cmake -S tests/consumer -B "$work/consumer-older" -G Ninja -DCMAKE_PREFIX_PATH="$old" \
+  -DAFEHAL_WANTED=1.18
+quiet cmake --build "$work/consumer-older"
+expect_loaded "$old_libdir/libafehal.so.1.18.0" "$work/consumer-older/consumer"
+quiet cmake --install "$work/build" --prefix "$old"
 [ "$(readlink -f "$old_libdir/libafehal.so")" = "$old_libdir/libafehal.so.$version" ] ||
   fail "libafehal.so still leads to $(readlink -f "$old_libdir/libafehal.so")"
 [ "$(PKG_CONFIG_PATH=$old_libdir/pkgconfig pkg-config --modversion afehal)" = $version ] ||
   fail "afehal.pc still says $(PKG_CONFIG_PATH=$old_libdir/pkgconfig pkg-config --modversion afehal)"
 # Built against 1.18, it now runs on 1.19.0 through the unchanged SONAME.
-expect_loaded "$(consumer "$work/consumer-older/consumer")" "$old_libdir/libafehal.so.$version"
+expect_loaded "$old_libdir/libafehal.so.$version" "$work/consumer-older/consumer"
 rm -rf "$work/consumer-older-1.19"
-cmake -S tests/consumer -B "$work/consumer-older-1.19" -G Ninja -DCMAKE_PREFIX_PATH="$old" >/dev/null
-cmake --build "$work/consumer-older-1.19" >/dev/null
-expect_loaded "$(consumer "$work/consumer-older-1.19/consumer")" "$old_libdir/libafehal.so.$version"
+quiet cmake -S tests/consumer -B "$work/consumer-older-1.19" -G Ninja -DCMAKE_PREFIX_PATH="$old"
+quiet cmake --build "$work/consumer-older-1.19"
+expect_loaded "$old_libdir/libafehal.so.$version" "$work/consumer-older-1.19/consumer"
 
 step "Debian packages (CPack)"
 rm -f "$work"/build/*.deb
-(cd "$work/build" && cpack -G DEB >/dev/null)
+(cd "$work/build" && quiet cpack -G DEB)
 arch=$(dpkg --print-architecture)
 rel_libdir=${libdir#"$stage"/} # lib/<multiarch> on Debian
 lib_deb=$work/build/libafehal1_${version}_$arch.deb
@@ -223,10 +230,11 @@ mkdir -p "$work/consumer-deb"
 # shellcheck disable=SC2046
 cc -o "$work/consumer-deb/consumer" tests/consumer/consumer.c \
   $(PKG_CONFIG_PATH=$scratch_lib/pkgconfig pkg-config --cflags --libs afehal) -ldl
-expect_loaded "$(LD_LIBRARY_PATH=$scratch_lib consumer "$work/consumer-deb/consumer")" "$scratch_lib/libafehal.so.$version"
-cmake -S tests/consumer -B "$work/consumer-deb-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/usr" >/dev/null
-cmake --build "$work/consumer-deb-cmake" >/dev/null
-expect_loaded "$(consumer "$work/consumer-deb-cmake/consumer")" "$scratch_lib/libafehal.so.$version"
+expect_loaded "$scratch_lib/libafehal.so.$version" \
+  env LD_LIBRARY_PATH="$scratch_lib" "$work/consumer-deb/consumer"
+quiet cmake -S tests/consumer -B "$work/consumer-deb-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/usr"
+quiet cmake --build "$work/consumer-deb-cmake"
+expect_loaded "$scratch_lib/libafehal.so.$version" "$work/consumer-deb-cmake/consumer"
 scratch_dpkg --purge afehal-tools libafehal-dev libafehal1
 left=$(find "$scratch" -path "$scratch/var" -prune -o \( -type f -o -type l \) -print)
 [ -z "$left" ] || fail "files left after purging the packages: $left"
