@@ -73,45 +73,55 @@ def differences(a_name, a, b_name, b):
     return out
 
 
+def genrule_problem(body, tools, build_dir):
+    """Runs a genrule's command as Soong would, with scripts/embed_data.py as
+    its tool, and compares its output with the source CMake generated. Returns
+    the problem, or None."""
+    srcs, outs = prop_list(body, "srcs"), prop_list(body, "out")
+    if len(srcs) != 1 or len(outs) != 1:
+        return "one data file in, one source out"
+    if not prop_bool(body, "vendor_available"):
+        return "a vendor library needs vendor_available: true"
+    # The command's string pieces joined; it must start with its tool.
+    pieces = re.search(r'cmd\s*:\s*((?:"[^"]*"\s*\+?\s*)+)', body)
+    cmd = "".join(re.findall(r'"([^"]*)"', pieces.group(1))) if pieces else ""
+    tool = re.match(r"\$\(location (\w+)\)\s*", cmd)
+    if not tool or tool.group(1) not in prop_list(body, "tools"):
+        return "its command must start with its tool"
+    if tools.get(tool.group(1)) != "scripts/embed_data.py":
+        return f"tool {tool.group(1)} is not the python_binary_host of scripts/embed_data.py"
+    with tempfile.TemporaryDirectory() as tmp:
+        generated = os.path.join(tmp, outs[0])
+        given = {"$(in)": os.path.join(ROOT, srcs[0]), "$(out)": generated}
+        args = [given.get(a, a) for a in cmd[tool.end():].split()]
+        subprocess.run([sys.executable, os.path.join(ROOT, "scripts/embed_data.py")] + args,
+                       check=True)
+        cmake_copy = os.path.join(build_dir, "embedded", outs[0])
+        if not os.path.exists(cmake_copy):
+            return f"CMake generates no {outs[0]}"
+        with open(generated, "rb") as a, open(cmake_copy, "rb") as b:
+            if a.read() != b.read():
+                return f"{outs[0]} differs from CMake's"
+    return None
+
+
 def check_genrules(bp_modules, library, manifest, build_dir):
     """The library's generated sources embed the same files, into the same
     sources as CMake's."""
     problems = []
     genrules = {prop_str(body, "name"): body for kind, body in bp_modules if kind == "genrule"}
+    tools = {prop_str(body, "name"): prop_str(body, "main")
+             for kind, body in bp_modules if kind == "python_binary_host"}
     embedded = []
     for gen in prop_list(library, "generated_sources"):
         body = genrules.get(gen)
         if body is None:
             problems.append(f"generated source {gen}: no genrule of that name")
             continue
-        srcs, outs = prop_list(body, "srcs"), prop_list(body, "out")
-        embedded += srcs
-        if len(srcs) != 1 or len(outs) != 1:
-            problems.append(f"genrule {gen}: one data file in, one source out")
-            continue
-        if not prop_bool(body, "vendor_available"):
-            problems.append(f"genrule {gen}: a vendor library needs vendor_available: true")
-        # The command, its string pieces joined, runs the generator tool.
-        pieces = re.search(r'cmd\s*:\s*((?:"[^"]*"\s*\+?\s*)+)', body)
-        cmd = "".join(re.findall(r'"([^"]*)"', pieces.group(1))) if pieces else ""
-        tool = re.match(r"\$\(location (\w+)\)\s*", cmd)
-        if not tool or tool.group(1) not in prop_list(body, "tools"):
-            problems.append(f"genrule {gen}: its command must start with its embedding tool")
-            continue
-        args = cmd[tool.end():].split()
-        args = [os.path.join(ROOT, srcs[0]) if a == "$(in)" else a for a in args]
-        with tempfile.TemporaryDirectory() as tmp:
-            generated = os.path.join(tmp, outs[0])
-            args = [generated if a == "$(out)" else a for a in args]
-            subprocess.run([sys.executable, os.path.join(ROOT, "scripts/embed_data.py")] + args,
-                           check=True)
-            cmake_copy = os.path.join(build_dir, "embedded", outs[0])
-            if not os.path.exists(cmake_copy):
-                problems.append(f"genrule {gen}: CMake generates no {outs[0]}")
-                continue
-            with open(generated, "rb") as a, open(cmake_copy, "rb") as b:
-                if a.read() != b.read():
-                    problems.append(f"genrule {gen}: {outs[0]} differs from CMake's")
+        embedded += prop_list(body, "srcs")
+        problem = genrule_problem(body, tools, build_dir)
+        if problem:
+            problems.append(f"genrule {gen}: {problem}")
     problems += differences("Android.bp genrules", embedded, "CMake embedded data",
                             manifest.get("data", []))
     return problems
