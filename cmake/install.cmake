@@ -49,13 +49,18 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/afehal-config.cmake
   DESTINATION ${AFEHAL_CMAKE_DIR} COMPONENT development)
 
 # ---- pkg-config -------------------------------------------------------------
-# The prefix is found from the file's own place (${pcfiledir}), so a copy
-# installed with `cmake --install --prefix DIR` or unpacked into a sysroot
-# points at itself.
-file(RELATIVE_PATH AFEHAL_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
-string(REGEX REPLACE "/$" "" AFEHAL_PC_TO_PREFIX "${AFEHAL_PC_TO_PREFIX}")
-configure_file(cmake/afehal.pc.in ${CMAKE_CURRENT_BINARY_DIR}/afehal.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/afehal.pc
+# The prefix is the one installed to (`cmake --install --prefix DIR`, or /usr
+# in the Debian packages), so pkg-config recognises /usr/include and the
+# multiarch directory as system paths and leaves them out of the flags. For
+# a copy under a sysroot, set PKG_CONFIG_SYSROOT_DIR.
+set(AFEHAL_PC_PREFIX "@AFEHAL_PC_PREFIX@") # filled in at install time
+configure_file(cmake/afehal.pc.in ${CMAKE_CURRENT_BINARY_DIR}/afehal.pc.in @ONLY)
+install(CODE "
+  set(AFEHAL_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/afehal.pc.in\"
+                 \"${CMAKE_CURRENT_BINARY_DIR}/install/afehal.pc\" @ONLY)"
+  COMPONENT development)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/install/afehal.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # ---- afehal-tool --------------------------------------------------------------

@@ -189,6 +189,9 @@ for deb in "$lib_deb" "$tools_deb"; do
 done
 [ "$(depends "$dev_deb")" = "libafehal1 (= $version)" ] || fail "libafehal-dev depends on: $(depends "$dev_deb")"
 echo "$(basename "$dev_deb") depends on: $(depends "$dev_deb")"
+# The packaged afehal.pc names /usr, so pkg-config leaves the system paths out.
+dpkg-deb --fsys-tarfile "$dev_deb" | tar -xO "$l/pkgconfig/afehal.pc" | grep -qx 'prefix=/usr' ||
+  fail "the packaged afehal.pc does not say prefix=/usr"
 [ "$(dpkg-deb --ctrl-tarfile "$lib_deb" | tar -xO ./shlibs)" = "libafehal 1 libafehal1 (>= $version)" ] ||
   fail "libafehal1 declares no shlibs entry for libafehal.so.1"
 
@@ -229,7 +232,7 @@ scratch_lib=$scratch/usr/$rel_libdir
 mkdir -p "$work/consumer-deb"
 # shellcheck disable=SC2046
 cc -o "$work/consumer-deb/consumer" tests/consumer/consumer.c \
-  $(PKG_CONFIG_PATH=$scratch_lib/pkgconfig pkg-config --cflags --libs afehal) -ldl
+  $(PKG_CONFIG_SYSROOT_DIR=$scratch PKG_CONFIG_PATH=$scratch_lib/pkgconfig pkg-config --cflags --libs afehal) -ldl
 expect_loaded "$scratch_lib/libafehal.so.$version" \
   env LD_LIBRARY_PATH="$scratch_lib" "$work/consumer-deb/consumer"
 quiet cmake -S tests/consumer -B "$work/consumer-deb-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/usr"
