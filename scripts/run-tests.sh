@@ -21,3 +21,9 @@ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAFEHAL_SAN
   -DAFEHAL_BENCH=OFF -DAFEHAL_TOOLS=OFF
 cmake --build build-tsan -j "$jobs"
 ctest --test-dir build-tsan --output-on-failure -L thread
+
+# The library as other projects take it: cmake --install into a staging
+# prefix, consumers built with CMake and pkg-config, version errors, install
+# over an older copy, the three Debian packages in a scratch root, and
+# Android.bp's sources and flags against CMake's (scripts/test-install.sh).
+JOBS=$jobs scripts/test-install.sh
