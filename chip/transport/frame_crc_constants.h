@@ -7,10 +7,17 @@
 namespace crc_fold {
 
 // {x^d mod P, x^(d+64) mod P}: fold a 128-bit block forward by d bits.
+alignas(16) inline constexpr uint64_t kFold2048[2] = {0xB4F82A3D, 0x945161CC};
+alignas(16) inline constexpr uint64_t kFold1536[2] = {0x74A7F66F, 0xCEC938C1};
+alignas(16) inline constexpr uint64_t kFold1024[2] = {0x88D30F77, 0x1BB1DAE7};
 alignas(16) inline constexpr uint64_t kFold512[2] = {0x9554562D, 0x76359CB7};
 alignas(16) inline constexpr uint64_t kFold384[2] = {0x8DD37ABC, 0x55ACE6EE};
 alignas(16) inline constexpr uint64_t kFold256[2] = {0xF58621C5, 0x3790E75F};
 alignas(16) inline constexpr uint64_t kFold128[2] = {0xD015134E, 0x651C5243};
+
+// The four blocks of a 64-byte vector folded onto its last block: the
+// pairs for 384, 256, 128 and 0 bits.
+alignas(64) inline constexpr uint64_t kCombine4[8] = {0x8DD37ABC, 0x55ACE6EE, 0xF58621C5, 0x3790E75F, 0xD015134E, 0x651C5243, 0x00000001, 0xEBCC85DB};
 
 // 128 -> 96 -> 64 bits: x^96 mod P and x^64 mod P, in the upper lane.
 alignas(16) inline constexpr uint64_t kReduce96[2] = {0, 0xFEA30B0D};

@@ -8,6 +8,11 @@
 // extension that the little cores of a phone may lack.
 #pragma once
 
+// x86 CPUs with VPCLMULQDQ (AVX3_DL) fold four CRC blocks per instruction.
+#ifndef HWY_WANT_AVX3_DL
+#define HWY_WANT_AVX3_DL
+#endif
+
 #ifndef HWY_DISABLED_TARGETS
 #define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128)
 #endif
