@@ -9,6 +9,7 @@
 #include "chip/chip.h"
 #include "chip/ops/frame_parse.h"
 #include "chip/ops/lifecycle.h"
+#include "chip/transport/simd_target.h"
 #include "platform/ioctrl.h"
 #include "platform/log.h"
 
@@ -57,6 +58,15 @@ void BM_ParseConvertFrame(benchmark::State &state) {
   parse_benchmark(state, true);
 }
 BENCHMARK(BM_ParseConvertFrame);
+
+// The same with the CRC and the conversion forced onto the portable code,
+// for comparison in the same run.
+void BM_ParseConvertFramePortable(benchmark::State &state) {
+  simd::force_target(simd::kPortable);
+  parse_benchmark(state, true);
+  simd::force_target(-1);
+}
+BENCHMARK(BM_ParseConvertFramePortable);
 
 // The same with the per-frame Android log copy going into the simulator's
 // recorder, as in the tests and the tool.

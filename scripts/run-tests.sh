@@ -2,7 +2,10 @@
 # Installs what is missing, builds, and runs every test:
 #  1. GCC with AddressSanitizer and UndefinedBehaviorSanitizer: all suites;
 #  2. Clang with warnings as errors: the build, and all suites again;
-#  3. GCC with ThreadSanitizer: the two-thread soak test.
+#  3. GCC with ThreadSanitizer: the two-thread soak test;
+#  4. the suites again under ASan with the frame CRC and conversion forced
+#     onto the portable code;
+#  5. AArch64: the frame CRC and conversion tests cross-built and run under qemu.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -21,6 +24,13 @@ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAFEHAL_SAN
   -DAFEHAL_BENCH=OFF -DAFEHAL_TOOLS=OFF
 cmake --build build-tsan -j "$jobs"
 ctest --test-dir build-tsan --output-on-failure -L thread
+
+# Stage 4: the frame path's portable code, forced, must pass every suite too
+# (the vector targets each pass test_crc_paths and test_convert_paths above).
+AFEHAL_TEST_SIMD=portable ctest --test-dir build-asan --output-on-failure -j "$jobs" -LE thread
+
+# Stage 5: AArch64, the phone's architecture: cross-built, run under qemu-user.
+scripts/run-aarch64-tests.sh
 
 # The library as other projects take it: cmake --install into a staging
 # prefix, consumers built with CMake and pkg-config, version errors, install

@@ -8,7 +8,19 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libboost-dev libcli11-dev android-liblog-dev
   libpng-dev nlohmann-json3-dev
   pkg-config help2man dpkg-dev file
+  # The frame CRC and conversion per instruction set.
+  libhwy-dev
+  # AArch64: cross-build and run the tests under qemu (scripts/run-aarch64-tests.sh).
+  crossbuild-essential-arm64 qemu-user
+  libhwy-dev:arm64 libgtest-dev:arm64 android-liblog-dev:arm64
 )
+
+# The arm64 packages come from Debian's multiarch archive.
+new_architecture=0
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  dpkg --add-architecture arm64
+  new_architecture=1
+fi
 
 missing=()
 for pkg in "${packages[@]}"; do
@@ -17,7 +29,7 @@ for pkg in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -gt 0 ]; then
+if [ ${#missing[@]} -gt 0 ] || [ "$new_architecture" = 1 ]; then
   echo "setup: installing ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -q

@@ -4,10 +4,10 @@
 #include "chip/ops/frame_parse.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 #include "chip/chip.h"
+#include "chip/ops/frame_convert.h"
 #include "chip/ops/lifecycle.h"
 #include "chip/transport/fw_cmd.h"
 #include "platform/ioctrl.h"
@@ -41,7 +41,6 @@ constexpr uint8_t SCAN_MODE_IDLE = 2;
 constexpr uint8_t RATE_CODE_SLOW = 0x40;
 constexpr uint16_t RATE_FAST_HZ = 180;
 constexpr uint16_t RATE_SLOW_HZ = 120;
-constexpr uint16_t ZERO_SIGNAL = 0x8000;
 
 // The receive area lent to the driver and the converted output.
 uint8_t frame_buffer[FRAME_BUFFER_SIZE];
@@ -70,15 +69,6 @@ uint32_t read_u32(const uint8_t *p) {
 // Bytes covered by the CRC: header and data, without the trailing counter.
 uint32_t frame_body_size(uint32_t force, uint32_t sense) {
   return FRAME_HEADER_SIZE + 2 * (force * sense + force + sense);
-}
-
-// gain x raw, truncated toward zero; the low 16 bits are kept.
-int32_t apply_gain(float gain, int16_t raw) {
-  return static_cast<int32_t>(gain * static_cast<float>(raw));
-}
-
-uint16_t to_output(float gain, int16_t raw) {
-  return static_cast<uint16_t>(static_cast<uint16_t>(apply_gain(gain, raw)) ^ ZERO_SIGNAL);
 }
 
 // Compares the frame's frequency and rate with the current and requested
@@ -139,41 +129,6 @@ void count_lost_frames(uint32_t index, uint32_t fw_counter) {
   }
   prev_frame_index = index;
   prev_fw_counter = fw_counter;
-}
-
-// Mutual data: raw rows are force channels; the output is sense-major with
-// both axes reversed. The gain is applied in wire order first, a contiguous
-// pass the compiler can vectorise, and the result is then scattered into the
-// output orientation.
-void convert_mutual(const uint8_t *raw, uint32_t force, uint32_t sense) {
-  static_assert(std::endian::native == std::endian::little, "frames are little-endian");
-  const uint32_t nodes = force * sense;
-  int16_t values[FRAME_MUTUAL_CAPACITY];
-  uint16_t converted[FRAME_MUTUAL_CAPACITY];
-  memcpy(values, raw, sizeof(int16_t) * nodes);
-  for (uint32_t e = 0; e < nodes; ++e) {
-    converted[e] = to_output(gain_ms[e], values[e]);
-  }
-  for (uint32_t o = 0; o < sense; ++o) {
-    const uint32_t column = sense - 1 - o;
-    uint16_t *out = mutual_out + o * force;
-    for (uint32_t i = 0; i < force; ++i) {
-      out[i] = converted[(force - 1 - i) * sense + column];
-    }
-  }
-}
-
-// Self data: force values then sense values, each list reversed.
-void convert_self(const uint8_t *raw_force, const uint8_t *raw_sense, uint32_t force,
-                  uint32_t sense) {
-  for (uint32_t j = 0; j < force; ++j) {
-    const uint32_t r = force - 1 - j;
-    self_out[j] = to_output(gain_ss_force[r], read_i16(raw_force + 2 * r));
-  }
-  for (uint32_t j = 0; j < sense; ++j) {
-    const uint32_t r = sense - 1 - j;
-    self_out[force + j] = to_output(gain_ss_sense[r], read_i16(raw_sense + 2 * r));
-  }
 }
 
 } // namespace
@@ -268,8 +223,10 @@ bool vendor_parse_ioctrl_frame(ioctrl_framedata *req, kvr_frame_data *frame) {
   const uint8_t *mutual_raw = buf + FRAME_HEADER_SIZE;
   const uint8_t *force_raw = mutual_raw + 2u * force * sense;
   const uint8_t *sense_raw = force_raw + 2u * force;
-  convert_mutual(mutual_raw, force, sense);
-  convert_self(force_raw, sense_raw, force, sense);
+  convert_mutual(mutual_raw, gain_ms, force, sense, mutual_out);
+  // Self data: the force values, then the sense values, each list reversed.
+  convert_reversed(force_raw, gain_ss_force, force, self_out);
+  convert_reversed(sense_raw, gain_ss_sense, sense, self_out + force);
   frame->mutual = mutual_out;
   frame->self = self_out;
   return true;

@@ -9,9 +9,16 @@
 // bytes through it, so the computation runs four words per step with the
 // sliced tables derived from crc_table: slice k maps a byte to its
 // contribution after k further zero bytes.
+//
+// This table code is the reference and the portable path. Where the CPU has a
+// carry-less multiply, the whole 16-byte blocks are folded with it instead
+// (frame_crc_clmul.cpp) and the last few words still go through the tables.
+#include <atomic>
 #include <bit>
 #include <cstring>
 
+#include "chip/transport/frame_crc_paths.h"
+#include "chip/transport/simd_target.h"
 #include "chip/transport/work_point.h"
 #include "platform/log.h"
 
@@ -23,6 +30,11 @@ constexpr int kSlices = 16;
 // crc_slice[0] mirrors crc_table; crc_slice[k] is crc_table advanced by k
 // zero bytes.
 uint32_t crc_slice[kSlices][256];
+
+// Set once the tables are built. Until then the tables are zero and every
+// CRC comes out as 0; the folding path, which needs no table, waits for the
+// tables so that it gives the same results.
+std::atomic<bool> crc_tables_built{false};
 
 uint32_t table_entry(uint32_t index) {
   uint32_t crc = index << 24;
@@ -82,21 +94,16 @@ void build_crc_table() {
       store_if_changed(crc_slice[k][i], (prev << 8) ^ crc_table[prev >> 24]);
     }
   }
+  crc_tables_built.store(true, std::memory_order_release);
 }
 
 void clear_crc_table() {
+  crc_tables_built.store(false, std::memory_order_release);
   std::memset(crc_table, 0, sizeof crc_table);
   std::memset(crc_slice, 0, sizeof crc_slice);
 }
 
-uint32_t calculate_crc(const uint8_t *bytes, uint32_t length) {
-  NLOG(LOG_LEVEL_TRACE, "calculate_crc", "Buffer total length = %d", static_cast<int>(length));
-  if (bytes == nullptr || length <= CRC_START) {
-    return 0;
-  }
-  const uint8_t *p = bytes + CRC_START;
-  uint32_t remaining = length - CRC_START;
-  uint32_t crc = 0;
+uint32_t crc_by_table(uint32_t crc, const uint8_t *p, uint32_t remaining) {
   while (remaining >= 16) {
     crc = quad_word_step(crc, p);
     p += 16;
@@ -116,4 +123,21 @@ uint32_t calculate_crc(const uint8_t *bytes, uint32_t length) {
     crc = word_step(crc, word);
   }
   return crc;
+}
+
+uint32_t calculate_crc(const uint8_t *bytes, uint32_t length) {
+  NLOG(LOG_LEVEL_TRACE, "calculate_crc", "Buffer total length = %d", static_cast<int>(length));
+  if (bytes == nullptr || length <= CRC_START) {
+    return 0;
+  }
+  const uint8_t *p = bytes + CRC_START;
+  uint32_t remaining = length - CRC_START;
+  uint32_t crc = 0;
+  const uint32_t blocks = remaining / CRC_BLOCK_BYTES;
+  if (blocks > 0 && !simd::portable_forced() && crc_tables_built.load(std::memory_order_acquire)) {
+    crc = crc_fold_blocks(p, blocks);
+    p += blocks * CRC_BLOCK_BYTES;
+    remaining -= blocks * CRC_BLOCK_BYTES;
+  }
+  return crc_by_table(crc, p, remaining);
 }
