@@ -321,6 +321,11 @@ TEST_F(InspectRunTest, EarlyReturnsRestoreNothingAndKeepInspectDone) {
   EXPECT_EQ(sim::ic().resets, resets);
   EXPECT_FALSE(mentioned("Sense on and request Frame..."));
   EXPECT_EQ(inspect_grid_data[0], 0x8000); // reset before the copy was attempted
+  EXPECT_TRUE(logged_error("set_default_inspect_data",
+                           "Set inspect_grid_data and inspect_line_data to default 0x8000"));
+  inspect_line_data.fill(7);
+  EXPECT_EQ(set_default_inspect_data(), 0u);
+  EXPECT_EQ(inspect_line_data[50], 0x8000);
   EXPECT_TRUE(inspect_done.load());
   clear_log();
   EXPECT_EQ(kvr_afe_get_inspect_noise(), inspect_noise_data.data());

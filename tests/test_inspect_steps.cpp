@@ -58,7 +58,7 @@ TEST_F(InspectStepTest, AMissingOrTooSmallLimitsTableFailsItsTest) {
       {inspect_ito, "MS_RAW_ITO_DATA_MAX", nullptr, true},
       {inspect_raw_data, "MS_RAW_DATA_EACH_MIN", nullptr, true},
       // The raw-data test names its minimum for either label.
-      {inspect_raw_data, "MS_RAW_DATA_EACH_MAX", "MS_RAW_DATA_EACH_MIN", false},
+      {inspect_raw_data, "MS_RAW_DATA_EACH_MAX", "MS_RAW_DATA_EACH_MIN", true},
       {inspect_noise, "MS_RAW_NOISE_DATA_DELTA", nullptr, true},
       {inspect_cx, "SS_DETECT_TOTAL_IX_FORCE_MAX", nullptr, false},
       {inspect_cx, "SS_DETECT_TOTAL_IX_SENSE_MAX", nullptr, false},
@@ -175,6 +175,7 @@ TEST_F(InspectStepTest, CxTestJudgesWhateverTheTuningCommandsAnswerAndRunsAllFiv
                          "Self Force Total IX OK!!", "Self Sense Total IX OK!!"}) {
     EXPECT_TRUE(logged_error("inspect_cx", ok));
   }
+  EXPECT_TRUE(logged_at(3, "inspect_cx", "Self Force Total IX: "));
   // The calibration buffer holds the new value, not the change.
   EXPECT_GT(inspect_calib_grid_data[(33 - 6) * 16 + (15 - 1)], 30001u);
 
@@ -185,6 +186,15 @@ TEST_F(InspectStepTest, CxTestJudgesWhateverTheTuningCommandsAnswerAndRunsAllFiv
   EXPECT_EQ(inspect_cx(limit_file_data), 1u);
   EXPECT_TRUE(logged_error("inspect_cx", "Error reading SS IX & CX"));
   EXPECT_FALSE(mentioned("Mutual Lowpower Total CX OK!!"));
+
+  // A self table with more values than the panel has channels cannot be
+  // walked: its check fails without reading past the channels.
+  sim::clear_faults();
+  sim::cfg_write(0x0030, {33, 16});
+  clear_log();
+  EXPECT_EQ(inspect_cx(limit_file_data), 128u);
+  EXPECT_TRUE(logged_error("inspect_cx", "Self Sense Detect Total IX FAIL"));
+  EXPECT_TRUE(logged_error("inspect_cx", "Self Force Detect Total IX OK!!"));
 }
 
 TEST_F(InspectStepTest, DumpCxWritesTheLowPowerFrameAndStopsAtTheFirstFailedRead) {
