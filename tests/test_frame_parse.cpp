@@ -281,6 +281,8 @@ TEST_F(FrameParseTest, BadFramesAreRejectedAndLeaveTheRecordButTheIndex) {
       "vendor_parse_ioctrl_frame",
       "Impossible channel count: force 16, sense 34 (panel 16 X 34, area 1253 bytes)"));
   EXPECT_EQ(vendor_get_ioctrl_framedata()->size, 3000u);
+  EXPECT_FALSE(parse(good, 4));
+  EXPECT_TRUE(logged_error("vendor_parse_ioctrl_frame", "Frame area of 4 bytes is too small"));
   EXPECT_FALSE(vendor_parse_ioctrl_frame(nullptr, &record_));
   EXPECT_TRUE(logged_error("No frame to parse"));
   ASSERT_TRUE(parse(good));

@@ -233,6 +233,14 @@ TEST_F(InspectStepTest, SramMismatchAtTheFirstByteStopsBeforeTheFrameMemory) {
   clear_log();
   EXPECT_EQ(inspect_sram(), 64u);
   EXPECT_TRUE(logged_error("inspect_sram", "Error checking frame memory"));
+  const auto sent = spi_sent();
+  EXPECT_NE(std::find_if(sent.begin(), sent.end(),
+                         [](const bytes &tx) {
+                           return tx.size() > 5 && bytes(tx.begin(), tx.begin() + 5) ==
+                                                       bytes{0xFA, 0x20, 0x01, 0x00, 0x00};
+                         }),
+            sent.end())
+      << "frame memory starts at 0x20010000";
   EXPECT_FALSE(mentioned("Error checking DRAM.."));
 }
 

@@ -190,6 +190,8 @@ TEST_F(Limits, SearchesOfSmallTexts) {
       // A last value without its delimiter is cut short: it does not count.
       {"*T,1,2,,\r\n5,6", "T", 1, {5, 0}, "Test limits label T data bad format"},
       {"*T,1,2,,\r\n5,6,", "T", 0, {5, 6}, nullptr},
+      // A label at the very start of the text.
+      {"T,1,1,\r\n4,\r\n", "T", 0, {4}, nullptr},
       // A shape the rest of the text cannot hold, and a label at the very end.
       {"*T,100,100,\r\n1,\r\n", "T", 1, {}, "Test limits label T data bad format"},
       {"*T,1,", "T", 1, {}, "Test limits label T column entry bad format"},
