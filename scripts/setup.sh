@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ clang clang-format libclang-rt-14-dev binutils python3
   libgtest-dev libgmock-dev libbenchmark-dev libboost-dev libcli11-dev android-liblog-dev
   libpng-dev nlohmann-json3-dev
+  gcovr
 )
 
 missing=()

@@ -8,7 +8,7 @@
 // corrupt one rejected with its own message (CRC errors also counted).
 //
 // Environment: AFEHAL_SOAK_FRAMES (frames the driver hands over; default
-// 100,000), AFEHAL_SOAK_SEED (default fixed, printed), AFEHAL_SOAK_CLOCK=real
+// 20,000), AFEHAL_SOAK_SEED (default fixed, printed), AFEHAL_SOAK_CLOCK=real
 // for the host's clock (the thread-sanitizer run) instead of the virtual one.
 #include <gtest/gtest.h>
 
@@ -265,7 +265,7 @@ control_counts control_thread(storm_shared &shared, uint32_t seed) {
 }
 
 TEST(FaultStorm, FramesCommandsAndScreenTogglesUnderRandomFaults) {
-  const uint64_t target = env_or("AFEHAL_SOAK_FRAMES", 100'000);
+  const uint64_t target = env_or("AFEHAL_SOAK_FRAMES", 20'000);
   const auto seed = static_cast<uint32_t>(env_or("AFEHAL_SOAK_SEED", 20261123));
   const bool real = real_clock();
   std::printf("[ soak     ] seed %u, %llu frames, %s clock\n", seed,
