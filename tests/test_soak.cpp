@@ -75,12 +75,15 @@ struct frame_counts {
   uint64_t good = 0;
   uint64_t sos = 0;
   uint64_t null = 0;
+  uint64_t recovered = 0; // SOS followed, after the restart, by a good frame
 };
 
 // Shared between the two threads.
 struct storm_shared {
   std::atomic<uint64_t> calls{0};        // get_frame calls made
+  std::atomic<uint64_t> events{0};       // bumped for every call and restart request
   std::atomic<uint64_t> restarts_due{0}; // SOS frames not yet answered by a restart
+  std::atomic<uint64_t> restarts{0};     // restarts made
   std::atomic<bool> done{false};
 };
 
@@ -129,11 +132,29 @@ void inject_fault(std::mt19937 &rng, int &stopped_calls) {
   }
 }
 
+// Wakes the control thread.
+void signal(storm_shared &shared) {
+  shared.events.fetch_add(1);
+  shared.events.notify_all();
+}
+
+// After an SOS frame the IC has been reset and scans no more: the frame
+// thread waits until the control thread has started it again, as the
+// service restarts its processing.
+void wait_for_restart(storm_shared &shared, uint64_t sos_seen) {
+  shared.restarts_due.fetch_add(1);
+  signal(shared);
+  for (uint64_t made = shared.restarts.load(); made < sos_seen; made = shared.restarts.load()) {
+    shared.restarts.wait(made);
+  }
+}
+
 frame_counts frame_thread(storm_shared &shared, uint32_t seed, uint64_t target) {
   std::mt19937 rng(seed);
   std::uniform_int_distribution<int> chance(0, 99);
   frame_counts counts;
   int stopped_calls = 0;
+  bool awaiting_recovery = false;
   // Bounded: a stuck library fails the test instead of hanging it.
   const uint64_t max_calls = target * 4 + 10'000;
   while (sim::frames_delivered().delivered < target && counts.calls < max_calls) {
@@ -149,26 +170,33 @@ frame_counts frame_thread(storm_shared &shared, uint32_t seed, uint64_t target) 
       ++counts.null;
     } else if ((frame->status & KVR_AFE_STATUS_SOS) != 0) {
       ++counts.sos;
-      shared.restarts_due.fetch_add(1);
+      awaiting_recovery = true;
+      wait_for_restart(shared, counts.sos);
     } else {
       ++counts.good;
+      counts.recovered += awaiting_recovery ? 1 : 0;
+      awaiting_recovery = false;
     }
     if (counts.calls % 50'000 == 0) {
       sim::clear_recording(); // the recordings are not needed and grow
     }
     shared.calls.store(counts.calls);
-    shared.calls.notify_all();
+    signal(shared);
   }
   sim::stop_frames(false);
   return counts;
 }
 
-// Waits until the frame thread has made `more` further calls (or is done).
+// Waits until the frame thread has made `more` further calls, waits for a
+// restart, or is done.
 void wait_calls(storm_shared &shared, uint64_t more) {
   const uint64_t until = shared.calls.load() + more;
-  for (uint64_t now = shared.calls.load(); now < until && !shared.done.load();
-       now = shared.calls.load()) {
-    shared.calls.wait(now);
+  for (;;) {
+    const uint64_t seen = shared.events.load();
+    if (shared.calls.load() >= until || shared.done.load() || shared.restarts_due.load() != 0) {
+      return;
+    }
+    shared.events.wait(seen);
   }
 }
 
@@ -220,8 +248,8 @@ void queue_random_command(std::mt19937 &rng) {
   }
 }
 
-// After an SOS the IC has been reset and scans no more: the service starts
-// it again (from STANDBY the screen-on does that).
+// After an SOS the service starts the IC again (from STANDBY the screen-on
+// does that) and lets the frame thread go on.
 uint64_t restart_after_sos(storm_shared &shared) {
   uint64_t restarts = 0;
   while (shared.restarts_due.load() > 0) {
@@ -232,6 +260,8 @@ uint64_t restart_after_sos(storm_shared &shared) {
       kvr_afe_start();
     }
     ++restarts;
+    shared.restarts.fetch_add(1);
+    shared.restarts.notify_all();
   }
   return restarts;
 }
@@ -250,6 +280,9 @@ control_counts control_thread(storm_shared &shared, uint32_t seed) {
   while (!shared.done.load()) {
     wait_calls(shared, static_cast<uint64_t>(pause(rng)));
     counts.restarts += restart_after_sos(shared);
+    if (shared.done.load()) {
+      break;
+    }
     if (chance(rng) < 3) {
       ++counts.screen_offs;
       kvr_afe_screen_off();
@@ -285,25 +318,29 @@ TEST(FaultStorm, FramesCommandsAndScreenTogglesUnderRandomFaults) {
   std::thread control_worker([&] { control = control_thread(shared, seed); });
   const frame_counts frames = frame_thread(shared, seed, target);
   shared.done.store(true);
-  shared.calls.notify_all();
+  signal(shared);
   control_worker.join();
   sim::clear_faults();
 
   const sim::frame_tally t = sim::frames_delivered();
   std::printf(
-      "[ soak     ] %llu calls: %llu good, %llu NULL, %llu SOS; %llu commands, %llu "
-      "screen-offs, %llu restarts; delivered %u (tag %u, counts %u, counter %u, CRC %u)\n",
+      "[ soak     ] %llu calls: %llu good, %llu NULL, %llu SOS (%llu recovered); %llu "
+      "commands, %llu screen-offs, %llu restarts; delivered %u (tag %u, counts %u, "
+      "counter %u, CRC %u)\n",
       static_cast<unsigned long long>(frames.calls), static_cast<unsigned long long>(frames.good),
       static_cast<unsigned long long>(frames.null), static_cast<unsigned long long>(frames.sos),
+      static_cast<unsigned long long>(frames.recovered),
       static_cast<unsigned long long>(control.commands),
       static_cast<unsigned long long>(control.screen_offs),
       static_cast<unsigned long long>(control.restarts), t.delivered, t.bad_tag, t.bad_counts,
       t.bad_counter, t.bad_crc);
 
-  // The storm ran to its end and each SOS was answered.
+  // The storm ran to its end, each SOS was answered by a restart and frames
+  // came again after it (the last one may still be waiting for its frame).
   EXPECT_GE(t.delivered, target);
   EXPECT_EQ(control.restarts, frames.sos);
   EXPECT_GT(frames.sos, 0u) << "the storm raised no SOS: it tests nothing";
+  EXPECT_GE(frames.recovered + 1, frames.sos) << "an SOS after which no frame came";
   // Every frame the driver handed over: a good one came back, a corrupt one
   // was refused with its message; every NULL has its error line.
   const uint32_t corrupt = t.bad_tag + t.bad_counts + t.bad_counter + t.bad_crc;
