@@ -13,6 +13,7 @@ packages=(
   # AArch64: cross-build and run the tests under qemu (scripts/run-aarch64-tests.sh).
   crossbuild-essential-arm64 qemu-user
   libhwy-dev:arm64 libgtest-dev:arm64 android-liblog-dev:arm64
+  gcovr
 )
 
 # The arm64 packages come from Debian's multiarch archive.

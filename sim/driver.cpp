@@ -96,6 +96,15 @@ int spi_sync(unsigned long arg) {
   return 0;
 }
 
+void tally_delivered(frame_fault fault) {
+  frame_tally &t = g_driver.delivered;
+  ++t.delivered;
+  t.bad_tag += fault == frame_fault::bad_tag ? 1 : 0;
+  t.bad_counts += fault == frame_fault::bad_counts ? 1 : 0;
+  t.bad_counter += fault == frame_fault::bad_counter ? 1 : 0;
+  t.bad_crc += fault == frame_fault::bad_crc ? 1 : 0;
+}
+
 int get_frame(std::unique_lock<std::mutex> &lock, unsigned long arg) {
   if (arg == 0) {
     return EFAULT;
@@ -115,6 +124,7 @@ int get_frame(std::unique_lock<std::mutex> &lock, unsigned long arg) {
     if (!g_driver.frames.empty()) {
       queued_frame f = std::move(g_driver.frames.front());
       g_driver.frames.pop_front();
+      tally_delivered(f.fault);
       std::memcpy(reinterpret_cast<uint8_t *>(r.first), f.bytes.data(),
                   std::min<size_t>(f.bytes.size(), r.length));
       const int64_t wall = wall_us(f.stamp_us);
@@ -150,11 +160,11 @@ void driver_reset(bool keep_open) {
   g_driver = std::move(fresh);
 }
 
-void driver_queue_frame(std::vector<uint8_t> frame, int64_t stamp_us) {
+void driver_queue_frame(std::vector<uint8_t> frame, int64_t stamp_us, frame_fault fault) {
   if (!g_driver.irq_enabled) {
     return; // nobody takes the interrupt: the frame is lost
   }
-  cap_push(g_driver.frames, queued_frame{std::move(frame), stamp_us}, wire::kFrameFifoDepth);
+  cap_push(g_driver.frames, queued_frame{std::move(frame), stamp_us, fault}, wire::kFrameFifoDepth);
   g_frame_cv.notify_all();
 }
 

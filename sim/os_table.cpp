@@ -34,6 +34,7 @@ constexpr size_t kMaxLogRecords = 100'000;
 std::mutex g_heap_mutex;
 std::unordered_set<void *> g_live_blocks;
 int g_fail_allocation = 0; // countdown; 0 off
+size_t g_allocations = 0;
 
 constexpr afehal_os_ops kSimOps = {
     os_open,          os_close,       os_ioctl,  os_usleep, os_gettimeofday,
@@ -59,6 +60,7 @@ void forget_heap() {
   std::lock_guard<std::mutex> heap_lock(g_heap_mutex);
   g_live_blocks.clear();
   g_fail_allocation = 0;
+  g_allocations = 0;
 }
 
 } // namespace
@@ -111,6 +113,7 @@ int os_android_log(int prio, const char *tag, const char *text) {
 
 void *os_malloc(size_t size) {
   std::lock_guard<std::mutex> heap_lock(g_heap_mutex);
+  ++g_allocations;
   if (g_fail_allocation > 0 && --g_fail_allocation == 0) {
     errno = ENOMEM;
     return nullptr;
@@ -202,6 +205,11 @@ void clear_recording() {
 size_t heap_live_blocks() {
   std::lock_guard<std::mutex> heap_lock(g_heap_mutex);
   return g_live_blocks.size();
+}
+
+size_t heap_allocations() {
+  std::lock_guard<std::mutex> heap_lock(g_heap_mutex);
+  return g_allocations;
 }
 
 void fail_allocation(int nth) {

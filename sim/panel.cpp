@@ -136,23 +136,28 @@ void produce_frame(int64_t stamp_us) {
   std::fill(std::begin(fields.stddev), std::end(fields.stddev), sd);
 
   panel_scan(force, sense, fields.mutual, fields.self_force, fields.self_sense);
+  frame_fault fault = frame_fault::none;
   if (take(g_panel.bad_counts)) {
     fields.force = g_panel.bad_force;
     fields.sense = g_panel.bad_sense;
+    fault = frame_fault::bad_counts;
   }
 
   std::vector<uint8_t> frame = build_frame(fields);
   if (take(g_panel.bad_tag)) {
     frame[1] = 0x3B;
+    fault = frame_fault::bad_tag;
   }
   if (take(g_panel.bad_counter)) {
     put_le16(&frame[frame.size() - 2], static_cast<uint16_t>(fields.counter + 1));
+    fault = fault == frame_fault::none ? frame_fault::bad_counter : fault;
   }
   if (take(g_panel.bad_crc)) {
     frame[4] ^= 0x01;
+    fault = fault == frame_fault::none ? frame_fault::bad_crc : fault;
   }
   ++g_panel.produced;
-  driver_queue_frame(std::move(frame), stamp_us);
+  driver_queue_frame(std::move(frame), stamp_us, fault);
 }
 
 } // namespace
@@ -221,6 +226,11 @@ void set_noise(uint16_t amplitude) {
   std::lock_guard<std::mutex> lock(g_mutex);
   catch_up();
   g_panel.noise = amplitude;
+}
+
+frame_tally frames_delivered() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return g_driver.delivered;
 }
 
 uint32_t frames_produced() {

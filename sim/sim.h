@@ -109,6 +109,8 @@ void clear_recording();
 
 // Blocks the library holds now (allocated through the seam, not yet freed).
 size_t heap_live_blocks();
+// Allocations asked of the seam since install, failed ones included.
+size_t heap_allocations();
 // Fails the Nth allocation from now (1 = the next one); 0 disables.
 void fail_allocation(int nth);
 
@@ -289,6 +291,18 @@ void set_noise(uint16_t amplitude);
 // Frames the panel handed to the driver so far (frames removed by
 // drop_frames are not counted; the driver may still lose some).
 uint32_t frames_produced();
+
+// Frames the driver handed to the host since the last reset, and how many
+// of them carried each panel fault (a frame with several counts once, under
+// the first of tag, channel counts, counter, CRC).
+struct frame_tally {
+  uint32_t delivered = 0;
+  uint32_t bad_tag = 0;
+  uint32_t bad_counts = 0;
+  uint32_t bad_counter = 0;
+  uint32_t bad_crc = 0;
+};
+frame_tally frames_delivered();
 
 // Panel faults (count: how many frames; -1: all).
 void drop_frames(int count);

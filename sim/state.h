@@ -36,9 +36,13 @@ struct ioctl_fault {
   int countdown; // for nth: matching calls left before the failing one
 };
 
+// The panel fault a frame carries (the first one the host would notice).
+enum class frame_fault : uint8_t { none, bad_tag, bad_counts, bad_counter, bad_crc };
+
 struct queued_frame {
   std::vector<uint8_t> bytes;
   int64_t stamp_us; // sim time of capture
+  frame_fault fault = frame_fault::none;
 };
 
 struct driver_data {
@@ -50,6 +54,7 @@ struct driver_data {
   uint32_t reset_line = 0;
   uint32_t frame_timeout_ms = 0;
   std::deque<queued_frame> frames;
+  frame_tally delivered;
   std::vector<ioctl_fault> faults;
   int open_fail_err = 0;
   int open_fail_times = 0;
@@ -207,7 +212,7 @@ void catch_up();
 // driver.cpp
 // keep_open: descriptors the host holds stay valid.
 void driver_reset(bool keep_open);
-void driver_queue_frame(std::vector<uint8_t> frame, int64_t stamp_us);
+void driver_queue_frame(std::vector<uint8_t> frame, int64_t stamp_us, frame_fault fault);
 int driver_ioctl(std::unique_lock<std::mutex> &lock, int fd, unsigned long request,
                  unsigned long arg);
 

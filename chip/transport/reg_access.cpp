@@ -8,9 +8,12 @@
 
 namespace {
 
-// One descriptor for reads and one for writes; never shared between them.
-ioctrl_spi_xfer read_xfer{};
-ioctrl_spi_xfer write_xfer{};
+// One descriptor for reads and one for writes; never shared between them,
+// nor between threads: the control thread's calls and the frame thread's
+// queued commands both make transfers, and a descriptor shared by the two
+// would have its buffers freed under the other's transfer.
+thread_local ioctrl_spi_xfer read_xfer{};
+thread_local ioctrl_spi_xfer write_xfer{};
 
 constexpr int32_t kMemHeaderLen = 5; // opcode + 32-bit address
 constexpr int32_t kCfgHeaderLen = 3; // opcode + 16-bit address
