@@ -22,11 +22,13 @@ const bytes kSenseOn = {0xA0, 0x03, 0x00};
 const bytes kSenseOff = {0xA0, 0x00, 0x00};
 
 // The configuration addresses read so far, in order.
-std::vector<uint16_t> config_reads() {
-  std::vector<uint16_t> out;
+// (address, bytes read) of each configuration read: the transfer carries the
+// three-byte header and a dummy byte before the data.
+std::vector<std::pair<uint16_t, size_t>> config_reads() {
+  std::vector<std::pair<uint16_t, size_t>> out;
   for (const auto &x : sim::spi_transfers()) {
-    if (x.tx.size() >= 3 && x.tx[0] == 0xA9) {
-      out.push_back(static_cast<uint16_t>(x.tx[1] << 8 | x.tx[2]));
+    if (x.tx.size() >= 4 && x.tx[0] == 0xA9) {
+      out.emplace_back(static_cast<uint16_t>(x.tx[1] << 8 | x.tx[2]), x.tx.size() - 4);
     }
   }
   return out;
@@ -143,8 +145,13 @@ TEST_F(VendorLifecycle, CapabilityRecordFromTheConfigurationSpace) {
   sim::cfg_write(0x00EC, {100, 0});     // T cycle 100
   sim::cfg_write(0x021A, {0, 7, 20, 30});
   ASSERT_EQ(vendor_update_hw_cap(), &hw_cap);
-  EXPECT_EQ(config_reads(),
-            (std::vector<uint16_t>{0x0030, 0x0219, 0x00EC, 0x021A, 0x021B, 0x021C, 0x021D}));
+  EXPECT_EQ(config_reads(), (std::vector<std::pair<uint16_t, size_t>>{{0x0030, 2},
+                                                                      {0x0219, 1},
+                                                                      {0x00EC, 2},
+                                                                      {0x021A, 1},
+                                                                      {0x021B, 1},
+                                                                      {0x021C, 1},
+                                                                      {0x021D, 1}}));
   ASSERT_NE(hw_cap.freq_list, nullptr);
   ASSERT_NE(hw_cap.rate_list, nullptr);
   // 32 MHz / (2 (T cycle + offset)), in kHz.
