@@ -132,6 +132,16 @@ TEST_F(DeviceNode, ModeRequestsCarryTheirValues) {
   EXPECT_TRUE(logged_at(3, "ioctrl_set_irq", "0, OK"));
   EXPECT_TRUE(logged_at(3, "ioctrl_set_reset", "1, OK"));
   EXPECT_TRUE(logged_at(3, "ioctrl_clear_frame_buffer", "OK"));
+
+  // A refused request gives the driver's -1 back and its reason.
+  int32_t (*const requests[])(uint8_t) = {[](uint8_t v) { return ioctrl_set_block(v); },
+                                          [](uint8_t v) { return ioctrl_set_irq(v); },
+                                          ioctrl_set_reset};
+  for (size_t i = 0; i < 3; ++i) {
+    sim::fail_ioctl(expected[i].first, EIO);
+    EXPECT_EQ(requests[i](1), -1) << i;
+  }
+  EXPECT_TRUE(logged_at(3, "ioctrl_set_reset", std::string("1, ") + strerror(EIO)));
 }
 
 TEST_F(DeviceNode, FrameRequestsAndTheirFailures) {
