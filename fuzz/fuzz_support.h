@@ -16,7 +16,14 @@
 
 namespace fuzz {
 
-inline void drop_line(const char * /*line*/) {}
+// The log sink: lines are dropped, or printed when FUZZ_LOG is set in the
+// environment (for reading a crash input).
+inline void drop_line(const char *line) {
+  static const bool print = std::getenv("FUZZ_LOG") != nullptr;
+  if (print) {
+    std::fputs(line, stderr);
+  }
+}
 
 // A broken invariant: a report libFuzzer saves as a crash input.
 [[noreturn]] inline void fail(const char *what) {

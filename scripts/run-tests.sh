@@ -21,3 +21,6 @@ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAFEHAL_SAN
   -DAFEHAL_BENCH=OFF -DAFEHAL_TOOLS=OFF
 cmake --build build-tsan -j "$jobs"
 ctest --test-dir build-tsan --output-on-failure -L thread
+
+# 4. Fuzz smoke: each libFuzzer target 30 s over its seed corpus (clang, ASan+UBSan).
+scripts/fuzz-smoke.sh
