@@ -20,9 +20,14 @@ mkdir -p "$build/artifacts"
 for target in $targets; do
   mkdir -p "$build/work/$target"
   echo "fuzz: $target for ${seconds}s"
+  # Call sequences are short: give them their full length from the start.
+  limits=(-max_len=8192)
+  if [ "$target" = api ]; then
+    limits=(-max_len=256 -len_control=0)
+  fi
   # New inputs go to the work folder; the seeds in the repository stay as they are.
   "$build/fuzz/fuzz_$target" "$build/work/$target" "fuzz/corpus/$target" \
-    -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=4096 \
+    -max_total_time="$seconds" "${limits[@]}" -timeout=10 -rss_limit_mb=4096 \
     -print_final_stats=1 -artifact_prefix="$build/artifacts/$target-" \
     >"$build/fuzz-$target.log" 2>&1 || {
     tail -n 60 "$build/fuzz-$target.log"
