@@ -2,7 +2,8 @@
 # Installs what is missing, builds, and runs every test:
 #  1. GCC with AddressSanitizer and UndefinedBehaviorSanitizer: all suites;
 #  2. Clang with warnings as errors: the build, and all suites again;
-#  3. GCC with ThreadSanitizer: the two-thread soak test.
+#  3. GCC with ThreadSanitizer: the two-thread soak test;
+#  4. Clang with ASan and UBSan: each fuzz target for 30 s (scripts/fuzz-smoke.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
