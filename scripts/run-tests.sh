@@ -9,7 +9,8 @@
 #  6. the installed library: CMake and pkg-config consumers, Debian packages,
 #     Android.bp against CMake;
 #  7. Release: the fault storm at full length (a million frames);
-#  8. coverage of the library by the suites (gcovr summary, floor 90% lines).
+#  8. coverage of the library by the suites (gcovr summary, floor 90% lines);
+#  9. Clang with ASan and UBSan: each fuzz target for 30 s (scripts/fuzz-smoke.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -52,3 +53,6 @@ AFEHAL_SOAK_FRAMES=1000000 build-soak/tests/test_soak
 # 8. Coverage of platform/, afe/ and chip/ by the suites: gcovr's per-file
 #    table and summary; fails under 90% of lines (tests/coverage.md).
 scripts/coverage.sh
+
+# 9. Fuzz smoke: each libFuzzer target 30 s over its seed corpus (clang, ASan+UBSan).
+scripts/fuzz-smoke.sh

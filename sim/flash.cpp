@@ -38,8 +38,13 @@ uint16_t flash_le16(uint32_t at) {
 
 } // namespace
 
+// The contents buffer is kept and erased in place: fuzzers reset the
+// simulator for every input.
 void flash_reset_state() {
+  std::vector<uint8_t> contents = std::move(g_flash.contents);
+  contents.assign(kFlashSize, 0xFF);
   g_flash = flash_data{};
+  g_flash.contents = std::move(contents);
 }
 
 void flash_erase_start(uint8_t value) {

@@ -1,6 +1,7 @@
 // The host-data area at 0x20010000: the firmware loads the block the host
 // asks for a little after the request, stamping its header with the
 // signature, the type and a fresh load counter.
+#include <algorithm>
 #include <array>
 
 #include "sim/state.h"
@@ -49,6 +50,19 @@ void write_plain_header(uint8_t type, uint16_t counter) {
   mem_store(wire::kHostDataArea, h.data(), h.size());
 }
 
+// The block set by serve_host_data, stamped as a fresh load of type unless
+// it is to go out exactly as given.
+void write_served_block(uint8_t type, uint16_t counter) {
+  std::vector<uint8_t> b = g_ic.served_block;
+  if (!g_ic.served_raw) {
+    b.resize(std::max<size_t>(b.size(), 4));
+    b[0] = wire::kHostDataSignature;
+    b[1] = type;
+    put_le16(&b[2], counter);
+  }
+  mem_store(wire::kHostDataArea, b.data(), b.size());
+}
+
 } // namespace
 
 void host_data_request(uint8_t type) {
@@ -66,7 +80,9 @@ void host_data_catch_up(int64_t now) {
   }
   g_ic.load_pending = false;
   const uint16_t counter = ++g_ic.load_counter;
-  if (g_ic.load_type == wire::kChipInfoType) {
+  if (!g_ic.served_block.empty()) {
+    write_served_block(g_ic.load_type, counter);
+  } else if (g_ic.load_type == wire::kChipInfoType) {
     write_chip_info(counter);
   } else if (!diag_write_block(g_ic.load_type, counter)) {
     write_plain_header(g_ic.load_type, counter);

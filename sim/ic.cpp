@@ -388,4 +388,10 @@ void host_data_never_loads(bool on) {
   g_ic.host_data_never_loads = on;
 }
 
+void serve_host_data(const std::vector<uint8_t> &block, bool raw) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_ic.served_block = block;
+  g_ic.served_raw = raw;
+}
+
 } // namespace sim

@@ -205,6 +205,12 @@ void drop_echoes_of(const std::vector<uint8_t> &command, int times);
 void error_before_echo(int times); // an 0xF3 event before each echo
 void fatal_on_next_command(bool with_dump);
 void host_data_never_loads(bool on);
+// Every host-data load from now writes block at 0x20010000 instead of what
+// the firmware would (its header and data, at most 64 KiB): bytes 0..3 are
+// stamped with the signature, the requested type and a fresh load counter
+// unless raw, when the block goes out exactly as given. Empty: back to the
+// firmware's own blocks. A reset forgets it.
+void serve_host_data(const std::vector<uint8_t> &block, bool raw = false);
 void fail_spi_transfer(int nth, int err); // Nth SPI transfer from now fails
 
 // ---- Diagnostics ------------------------------------------------------------

@@ -95,6 +95,10 @@ struct ic_data {
   bool fatal_next = false;
   bool fatal_with_dump = false;
   bool host_data_never_loads = false;
+  // Served instead of every host-data block while not empty (bytes 0..3
+  // stamped unless served_raw).
+  std::vector<uint8_t> served_block;
+  bool served_raw = false;
 };
 
 struct panel_data {
@@ -169,7 +173,7 @@ struct diag_data {
 };
 
 struct flash_data {
-  std::vector<uint8_t> contents = std::vector<uint8_t>(kFlashSize, 0xFF);
+  std::vector<uint8_t> contents; // kFlashSize bytes once reset
   std::vector<int> erased;
   std::vector<dma_record> dmas;
   bool programmed = false; // erased or written since the last reset
