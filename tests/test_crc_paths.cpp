@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -130,3 +131,16 @@ TEST_F(CrcPaths, BeforeTheTableIsBuiltEveryTargetGivesZero) {
 }
 
 } // namespace
+
+// AFEHAL_TEST_SIMD picks a target by its name: each runnable target has its
+// own, and the portable code is "portable".
+TEST(SimdTargets, EachRunnableTargetHasItsOwnName) {
+  const auto targets = simd::runnable_targets();
+  std::set<std::string> names;
+  for (const int64_t target : targets) {
+    names.insert(simd::target_name(target));
+  }
+  EXPECT_EQ(names.size(), targets.size());
+  EXPECT_EQ(names.count("portable"), 1u);
+  EXPECT_STREQ(simd::target_name(simd::kPortable), "portable");
+}
